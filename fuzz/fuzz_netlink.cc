@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+// Datagrams of any bytes through the rtnetlink parser into the mirror: several in a row, as events and as answers to
+// dumps. Each lies in memory of exactly its size, so that one byte read too much is seen.
+#include <stdlib.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+#include "ipd/kernel/mirror.h"
+#include "ipd/kernel/parse.h"
+#include "ipd/kernel/picture.h"
+
+namespace {
+
+struct Answered final : ipd::kernel::Requests {
+  bool request_dump(ipd::kernel::DumpOf, uint32_t) override { return true; }
+  bool request_system_settings(uint32_t) override { return true; }
+};
+
+void check(const ipd::kernel::Picture &picture) {
+  for (const auto &[ifindex, link] : picture.links()) {
+    if (ifindex == 0) abort();
+    const ipd::kernel::InterfaceAddresses *addresses = picture.addresses(ifindex);
+    if (addresses == nullptr) continue;
+    if (addresses->entries().size() != addresses->in_order().size()) abort();
+    for (const auto &[key, entry] : addresses->entries()) {
+      if (key.mask_len > 32) abort();
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  using Clock = ipd::kernel::Mirror::Clock;
+  ipd::kernel::Picture picture;
+  Answered requests;
+  ipd::kernel::Mirror mirror(picture, requests);
+  mirror.set_port(1);
+  const Clock::time_point now{};
+  mirror.start(now);
+  // A length byte in units of 4, a byte of what happens next, then the datagram.
+  while (size >= 2) {
+    const size_t length = std::min<size_t>(size_t{data[0]} * 4, size - 2);
+    const uint8_t then = data[1];
+    const std::unique_ptr<std::byte[]> datagram(new std::byte[length]);
+    if (length > 0) memcpy(datagram.get(), data + 2, length);
+    ipd::kernel::parse({datagram.get(), length}, mirror);
+    if ((then & 1) != 0) mirror.drained(now);
+    if ((then & 6) == 6) mirror.overrun();
+    if ((then & 8) != 0) mirror.tick(now + std::chrono::seconds(then));
+    data += 2 + length;
+    size -= 2 + length;
+  }
+  check(picture);
+  return 0;
+}

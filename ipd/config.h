@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+// The configuration file: what a kernel does not know. packaging/man/ipd.conf.5 says every key.
+#ifndef IPD_CONFIG_H
+#define IPD_CONFIG_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ipd {
+
+struct ContextRule {
+  std::string name;
+  uint32_t id = 0;         // 0: ipd allots one
+  uint32_t table = 0;      // 0: the VRF device says it
+  uint32_t router_id = 0;  // host order; 0: chosen from the addresses
+  // Interfaces by shell pattern; a rule with any makes its context even where the kernel has no such VRF device.
+  std::vector<std::string> interfaces;
+  bool operator==(const ContextRule &) const = default;
+};
+
+struct VipRule {
+  std::string interface;
+  uint32_t address = 0;  // host order
+  bool operator==(const VipRule &) const = default;
+};
+
+struct UnnumberedRule {
+  std::string interface;
+  std::string source;  // the interface whose address is borrowed
+  bool operator==(const UnnumberedRule &) const = default;
+};
+
+struct Configuration {
+  std::vector<ContextRule> contexts;  // in the file's order: the first rule that matches an interface has it
+  std::vector<VipRule> vips;
+  std::vector<UnnumberedRule> unnumbered;
+  uint32_t router_id = 0;        // of the default context
+  std::optional<int> log_level;  // as in syslog(3)
+  bool operator==(const Configuration &) const = default;
+};
+
+inline constexpr const char *default_context_name = "default";
+inline constexpr uint32_t default_context_id = 1;
+inline constexpr uint32_t main_table = 254;
+
+// Reads the text of a configuration. Nothing: *reason is "FILE: key: what is wrong", ready to print.
+[[nodiscard]] std::optional<Configuration> parse_configuration(std::string_view text, std::string_view file,
+                                                               std::string *reason);
+// The same from a file.
+[[nodiscard]] std::optional<Configuration> load_configuration(const std::string &file, std::string *reason);
+
+// What --check prints: every value that is in force, one per line.
+[[nodiscard]] std::string describe(const Configuration &configuration);
+
+// "10.0.0.1" <-> host order.
+[[nodiscard]] std::optional<uint32_t> parse_address(std::string_view text);
+[[nodiscard]] std::string print_address(uint32_t address);
+
+}  // namespace ipd
+
+#endif

@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: Apache-2.0
+// The life of the IP process.
+//
+//   lock the run directory -> take over or make the segments -> first dump (or the simulated load) -> first commit,
+//   which gives new segments their names -> attach to our own library with the server flag -> say that we are live ->
+//   loop
+//
+// Nobody sees anything before the first commit, and after a restart clients keep seeing what the previous ipd left
+// until then: so the first commit waits until the picture is whole. From then on each batch of events is committed at
+// once.
+//
+// Stopping lets go of the lock and of our mappings and removes nothing: clients that are attached go on with the last
+// state, and the next ipd takes the segments over. `ipd --remove` takes the segment's name away when that is wanted.
+//
+// A reload reads the whole file first; a bad one changes nothing.
+#include "ipd/ip_process.h"
+
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <numeric>
+
+#include "ip_api.h"
+#include "ipd/process/log.h"
+#include "ipd/process/service.h"
+#include "mtrack/mtrack_writer.h"
+#include "sm/run_dir.h"
+#include "sysmgr/sysmgr_writer.h"
+
+namespace ipd {
+namespace {
+
+constexpr auto tick_period = std::chrono::milliseconds(250);
+constexpr auto simulation_period = std::chrono::milliseconds(1);
+constexpr auto retry_period = std::chrono::seconds(5);
+constexpr uint64_t commit_each_below = 16;  // simulated changes in one round
+
+uint64_t monotonic_microseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+uint64_t sum(const std::array<uint64_t, kernel::refusal_count> &counts) {
+  return std::accumulate(counts.begin(), counts.end(), uint64_t{0});
+}
+
+}  // namespace
+
+IpProcess::IpProcess(const Options &options, Configuration configuration, std::function<void()> live)
+    : options_(options), configuration_(std::move(configuration)), live_(std::move(live)) {}
+
+IpProcess::~IpProcess() {
+  if (attached_) ip_api_close();
+}
+
+int IpProcess::fail(const std::string &reason) {
+  log_line(LOG_ERR, "%s", reason.c_str());
+  return exit_failed;
+}
+
+int IpProcess::prepare() {
+  std::string reason;
+  loop_ = EventLoop::open(&reason);
+  if (loop_ == nullptr || !rsw::make_run_directory(&reason)) return fail(reason);
+  RunLock::Failure failure = RunLock::Failure::none;
+  lock_ = RunLock::take(rsw::run_directory(), &failure, &reason);
+  if (lock_ == nullptr) {
+    fail(reason);
+    return failure == RunLock::Failure::taken ? exit_running : exit_failed;
+  }
+  if (!rsw::sysmgr_open_for_writing(&reason)) return fail(reason);
+  // Counters are for people to look at: without their segment everything else works.
+  if (!rsw::mtrack_open_for_writing(&reason)) log_line(LOG_WARNING, "%s", reason.c_str());
+  ids_.emplace(rsw::run_directory() + "/ipd.contexts");
+  ids_->load();
+  publisher_ = Publisher::open(&reason);
+  if (publisher_ == nullptr) return fail(reason);
+  loop_->on_signal([this](int number) {
+    if (number == SIGHUP) return reload();
+    log_line(LOG_NOTICE, "stopping");
+    notify_service_manager("STOPPING=1");
+    loop_->stop();
+  });
+  loop_->every(tick_period, [this] { tick(); });
+  return exit_clean;
+}
+
+int IpProcess::open_kernel() {
+  std::string reason;
+  state_.emplace(*publisher_, *ids_);
+  state_->configure(configuration_);
+  kernel_ = kernel::Rtnetlink::open(picture_, options_.receive_buffer, &reason);
+  if (kernel_ == nullptr || !loop_->watch(
+                                kernel_->descriptor(), [this] { read_kernel(); }, &reason)) {
+    return fail(reason);
+  }
+  return exit_clean;
+}
+
+int IpProcess::open_simulation() {
+  std::string reason;
+  plan_ = load_simulation(options_.simulation, &reason);
+  if (!plan_) {
+    fail(reason);
+    return exit_usage;
+  }
+  simulation_ = std::make_unique<Simulation>(*publisher_, *plan_);
+  SimulationReport report;
+  const auto begin = Clock::now();
+  const auto progress = [this](uint32_t done) {
+    log_line(LOG_NOTICE, "%u of %u interfaces published", done, plan_->interfaces);
+  };
+  if (!simulation_->load(progress, &reason)) return fail(reason);
+  report.load = Clock::now() - begin;
+  if (!simulation_->measure(&report, &reason)) return fail(reason);
+  fputs(print_report(report, options_.json).c_str(), stdout);
+  fflush(stdout);
+  load_began_ = Clock::now();
+  if (plan_->changes_per_second > 0) loop_->every(simulation_period, [this] { simulate_changes(); });
+  go_live();
+  return status_;
+}
+
+void IpProcess::go_live() {
+  is_live_ = true;
+  ip_is_server_flag = 1;
+  if (ip_shm_api_init() == nullptr) {
+    status_ = fail("the published segment cannot be attached");
+    return loop_->stop();
+  }
+  attached_ = true;
+  const PublisherUse use = publisher_->use();
+  log_line(LOG_NOTICE, "live: %u contexts, %u interfaces, %u addresses in %s after %.3f s", use.contexts,
+           use.interfaces, use.addresses, rsw::run_directory().c_str(),
+           std::chrono::duration<double>(Clock::now() - started_).count());
+  notify_service_manager("READY=1");
+  live_();
+  if (options_.once) loop_->stop();
+}
+
+void IpProcess::publish_changes() {
+  if (!kernel_->mirror().complete() || (is_live_ && picture_.changes().empty())) return;
+  if (!state_->update(picture_, picture_.take_changes())) next_retry_ = Clock::now() + retry_period;
+  publisher_->tick(Clock::now());
+  if (!is_live_) go_live();
+}
+
+void IpProcess::read_kernel() {
+  std::string reason;
+  const auto reading = kernel_->read(&reason);
+  if (reading == kernel::Rtnetlink::Reading::broken) {
+    status_ = fail(reason);
+    return loop_->stop();
+  }
+  publish_changes();
+}
+
+void IpProcess::simulate_changes() {
+  std::string reason;
+  const double elapsed = std::chrono::duration<double>(Clock::now() - load_began_).count();
+  const auto due = static_cast<uint64_t>(elapsed * plan_->changes_per_second) - changes_made_;
+  const bool each = due < commit_each_below;
+  bool good = true;
+  for (uint64_t i = 0; i < due && good; ++i) {
+    good = simulation_->change(&reason);
+    if (good && each && !publisher_->commit()) good = false;
+  }
+  if (good && due > 0 && !each) good = publisher_->commit();
+  changes_made_ += due;
+  if (!good) log_line(LOG_ERR, "simulated change: %s", publisher_->last_error().c_str());
+}
+
+void IpProcess::reload() {
+  notify_service_manager("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(monotonic_microseconds()));
+  std::string reason;
+  std::optional<Configuration> fresh;
+  if (!options_.configuration_given && access(options_.configuration.c_str(), F_OK) != 0) {
+    fresh = Configuration{};
+  } else {
+    fresh = load_configuration(options_.configuration, &reason);
+  }
+  if (!fresh) {
+    log_line(LOG_ERR, "%s; the configuration stays as it was", reason.c_str());
+  } else {
+    configuration_ = std::move(*fresh);
+    set_log_limit(configuration_.log_level.value_or(LOG_NOTICE));
+    if (state_ && kernel_->mirror().complete()) {
+      state_->configure(configuration_);
+      state_->update(picture_, picture_.take_changes());
+    }
+    log_line(LOG_NOTICE, "configuration read again");
+  }
+  notify_service_manager("READY=1");
+}
+
+// Events that were lost and messages that were refused: once per tick, not once per event.
+void IpProcess::report_losses() {
+  const kernel::MirrorCounts &counts = kernel_->mirror().counts();
+  if (counts.overruns > overruns_reported_) {
+    log_line(LOG_WARNING, "events were lost (%llu times so far; receive buffer %u bytes): reading everything again",
+             static_cast<unsigned long long>(counts.overruns), kernel_->receive_buffer());
+    overruns_reported_ = counts.overruns;
+  }
+  if (const uint64_t refusals = sum(counts.refused); refusals > refusals_reported_) {
+    for (size_t i = 0; i < counts.refused.size(); ++i) {
+      if (counts.refused[i] == 0) continue;
+      log_line(LOG_WARNING, "messages of the kernel that were skipped so far: %llu, %s",
+               static_cast<unsigned long long>(counts.refused[i]), refusal_text(static_cast<kernel::Refusal>(i)));
+    }
+    refusals_reported_ = refusals;
+  }
+}
+
+void IpProcess::tick() {
+  const auto now = Clock::now();
+  if (kernel_ != nullptr) {
+    kernel_->tick(now);
+    report_losses();
+    if (is_live_ && state_->retry_due() && now >= next_retry_) {
+      next_retry_ = now + retry_period;
+      kernel::Changes all = picture_.take_changes();
+      all.everything = true;
+      state_->update(picture_, std::move(all));
+    }
+  }
+  publisher_->tick(now);
+}
+
+int IpProcess::run() {
+  started_ = Clock::now();
+  set_log_limit(configuration_.log_level.value_or(LOG_NOTICE));
+  if (const int status = prepare(); status != exit_clean) return status;
+  if (const int status = options_.simulation.empty() ? open_kernel() : open_simulation(); status != exit_clean) {
+    return status;
+  }
+  std::string reason;
+  if (!loop_->run(&reason)) return fail(reason);
+  return status_;
+}
+
+}  // namespace ipd

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+// The IP process itself: from "locked the run directory" to "stopped".
+#ifndef IPD_IP_PROCESS_H
+#define IPD_IP_PROCESS_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "ipd/config.h"
+#include "ipd/event_loop.h"
+#include "ipd/kernel/rtnetlink.h"
+#include "ipd/options.h"
+#include "ipd/process/run_lock.h"
+#include "ipd/publish/publisher.h"
+#include "ipd/simulate/simulation.h"
+#include "ipd/state/state.h"
+
+namespace ipd {
+
+class IpProcess {
+ public:
+  // `live` runs once, when the first publication is complete.
+  IpProcess(const Options &options, Configuration configuration, std::function<void()> live);
+  ~IpProcess();
+  IpProcess(const IpProcess &) = delete;
+  IpProcess &operator=(const IpProcess &) = delete;
+
+  // An ExitStatus; what went wrong is logged.
+  int run();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  int prepare();
+  int open_kernel();
+  int open_simulation();
+  void read_kernel();
+  void publish_changes();
+  void simulate_changes();
+  void go_live();
+  void reload();
+  void tick();
+  void report_losses();
+  int fail(const std::string &reason);
+
+  Options options_;
+  Configuration configuration_;
+  std::function<void()> live_;
+  std::unique_ptr<EventLoop> loop_;
+  std::unique_ptr<RunLock> lock_;
+  std::optional<ContextIds> ids_;
+  std::unique_ptr<Publisher> publisher_;
+  kernel::Picture picture_;
+  std::unique_ptr<kernel::Rtnetlink> kernel_;
+  std::optional<State> state_;
+  std::optional<SimulationPlan> plan_;
+  std::unique_ptr<Simulation> simulation_;
+  bool is_live_ = false;
+  bool attached_ = false;  // we are a user of our own library
+  int status_ = exit_clean;
+  Clock::time_point started_{};
+  Clock::time_point next_retry_{};
+  Clock::time_point load_began_{};
+  uint64_t changes_made_ = 0;
+  uint64_t overruns_reported_ = 0;
+  uint64_t refusals_reported_ = 0;
+};
+
+}  // namespace ipd
+
+#endif

@@ -1,0 +1,376 @@
+// SPDX-License-Identifier: Apache-2.0
+// From picture and configuration to calls of the publisher.
+//
+// What the publisher was told is remembered here, so every step is "what should be" against "what was told", and only
+// the difference is said. A batch of events names what it touched, and only that is compared: the cost of a change does
+// not depend on how much there is. After a dump or a reload everything is compared.
+//
+// Order within a batch. An address needs its interface, an interface its context, and a name must not stand in two
+// contexts at once. So:
+//   1. contexts whose id or name is wanted for another one go, with their interfaces;
+//   2. contexts that are new or changed are set;
+//   3. interfaces that are gone, or are another device now, go with their addresses;
+//   4. interfaces are set (a change of context moves them), then their addresses;
+//   5. contexts that nobody wants any more go;
+//   6. virtual addresses and loans of the configuration follow the interfaces that their names mean now;
+//   7. commit.
+//
+// A refusal of the publisher (a full table) is logged, counts as not told, and everything is compared again later.
+#include "ipd/state/state.h"
+
+#include <net/if.h>
+
+#include <algorithm>
+
+#include "ipd/process/log.h"
+#include "ipd/state/address_plan.h"
+
+namespace ipd {
+namespace {
+
+using kernel::AddressEntry;
+using kernel::AddressPlace;
+using kernel::InterfaceAddresses;
+using kernel::LinkMessage;
+using kernel::Picture;
+
+bool is_vrf(const LinkMessage &link) {
+  return link.kind == "vrf" && link.vrf_table != 0;
+}
+
+AddressState address_state(uint32_t addr, uint8_t mask_len, const AddressEntry &entry) {
+  return {.addr = addr, .mask_len = mask_len, .secondary = entry.place.secondary, .scope = entry.scope};
+}
+
+bool same_kind(const AddressPlace &a, const AddressPlace &b) {
+  return a.secondary == b.secondary && a.rising == b.rising;
+}
+
+std::string print_prefix(uint32_t addr, uint8_t mask_len) {
+  return print_address(addr) + "/" + std::to_string(mask_len);
+}
+
+bool same_context(const ContextState &a, const ContextState &b) {
+  return a.id == b.id && a.name == b.name && a.table_id == b.table_id && a.router_id == b.router_id;
+}
+
+}  // namespace
+
+void State::configure(Configuration configuration) {
+  configuration_ = std::move(configuration);
+  configured_anew_ = true;
+}
+
+bool State::accepted(bool done, const char *what, const std::string &name) {
+  if (done) return true;
+  refused_ = true;
+  // The first few say what is wrong; a full table would repeat it for every address.
+  if (++refusals_ <= 10 || refusals_ % 1000 == 0) {
+    log_line(LOG_ERR, "cannot %s %s: %s", what, name.c_str(), publisher_.last_error().c_str());
+  }
+  return false;
+}
+
+// True when the set of VRF devices, or what is said about one of them, changed.
+bool State::watch_vrfs(const Picture &picture, const kernel::Changes &changes) {
+  bool changed = false;
+  const auto look = [&](uint32_t ifindex) {
+    const auto link = picture.links().find(ifindex);
+    const auto known = vrfs_.find(ifindex);
+    if (link == picture.links().end() || !is_vrf(link->second.told)) {
+      changed |= known != vrfs_.end();
+      vrfs_.erase(ifindex);
+      return;
+    }
+    const LinkMessage &told = link->second.told;
+    if (known != vrfs_.end() && known->second.name == told.name && known->second.vrf_table == told.vrf_table) return;
+    vrfs_[ifindex] = told;
+    changed = true;
+  };
+  if (changes.everything) {
+    std::vector<uint32_t> known;
+    for (const auto &[ifindex, link] : vrfs_) known.push_back(ifindex);
+    for (uint32_t ifindex : known) look(ifindex);
+    for (const auto &[ifindex, link] : picture.links()) {
+      if (is_vrf(link.told)) look(ifindex);
+    }
+  } else {
+    for (uint32_t ifindex : changes.links) look(ifindex);
+  }
+  return changed;
+}
+
+void State::plan_again() {
+  plan_ = plan_contexts(configuration_, vrfs_, ids_);
+  for (const std::string &remark : plan_.remarks) {
+    if (remarked_.insert(remark).second) log_line(LOG_WARNING, "%s", remark.c_str());
+  }
+  std::string reason;
+  if (!ids_.save(&reason)) log_line(LOG_WARNING, "context ids will not outlive this run: %s", reason.c_str());
+}
+
+// Step 1: an id that is to mean another name, or a name that is to have another id.
+void State::remove_clashing_contexts() {
+  std::vector<uint32_t> clashing;
+  for (const auto &[id, told] : contexts_) {
+    const auto same_id = plan_.contexts.find(id);
+    const bool renamed = same_id != plan_.contexts.end() && same_id->second.name != told.name;
+    const bool moved = same_id == plan_.contexts.end() && plan_.ids.contains(told.name);
+    if (renamed || moved) clashing.push_back(id);
+  }
+  for (uint32_t id : clashing) {
+    std::vector<uint32_t> members;
+    for (const auto &[ifindex, told] : interfaces_) {
+      if (told.state.context_id == id) members.push_back(ifindex);
+    }
+    for (uint32_t ifindex : members) remove_interface(ifindex);
+    if (accepted(publisher_.remove_context(id), "remove context", contexts_[id].name)) contexts_.erase(id);
+  }
+}
+
+void State::set_contexts() {
+  for (const auto &[id, context] : plan_.contexts) {
+    const auto told = contexts_.find(id);
+    if (told != contexts_.end() && same_context(told->second, context)) continue;
+    if (accepted(publisher_.set_context(context), "set context", context.name)) contexts_[id] = context;
+  }
+}
+
+void State::remove_stale_contexts() {
+  for (auto told = contexts_.begin(); told != contexts_.end();) {
+    if (plan_.contexts.contains(told->first) ||
+        !accepted(publisher_.remove_context(told->first), "remove context", told->second.name)) {
+      ++told;
+    } else {
+      told = contexts_.erase(told);
+    }
+  }
+}
+
+std::optional<InterfaceState> State::wanted(const Picture &picture, uint32_t ifindex) const {
+  const auto found = picture.links().find(ifindex);
+  if (found == picture.links().end()) return std::nullopt;
+  const LinkMessage &link = found->second.told;
+  const bool admin_up = (link.flags & IFF_UP) != 0;
+  return InterfaceState{.ifindex = ifindex,
+                        .name = link.name,
+                        .up = admin_up && (link.flags & IFF_RUNNING) != 0,
+                        .admin_up = admin_up,
+                        // A VRF device is the loopback of its context.
+                        .loopback = (link.flags & IFF_LOOPBACK) != 0 || is_vrf(link),
+                        .multicast = (link.flags & IFF_MULTICAST) != 0,
+                        .forwarding = picture.forwarding(ifindex),
+                        .directed_broadcast = picture.directed_broadcast(ifindex),
+                        .mtu = link.mtu.value_or(0),
+                        .context_id = context_of(link, plan_, configuration_)};
+}
+
+void State::remove_interface(uint32_t ifindex) {
+  const auto told = interfaces_.find(ifindex);
+  if (told == interfaces_.end()) return;
+  for (auto loan = loans_.begin(); loan != loans_.end();) {
+    if (loan->second.source_ifindex == ifindex) {
+      accepted(publisher_.set_unnumbered(loan->first, 0, ""), "end the loan to", std::to_string(loan->first));
+      loan = loans_.erase(loan);
+    } else {
+      ++loan;
+    }
+  }
+  if (!accepted(publisher_.remove_interface(ifindex), "remove interface", told->second.state.name)) return;
+  log_line(LOG_INFO, "interface %s is gone", told->second.state.name.c_str());
+  loans_.erase(ifindex);
+  std::erase_if(vips_, [ifindex](const auto &vip) { return vip.first == ifindex; });
+  if (const auto name = by_name_.find(told->second.state.name); name != by_name_.end() && name->second == ifindex) {
+    by_name_.erase(name);
+  }
+  interfaces_.erase(told);
+  names_changed_ = true;
+}
+
+void State::remove_gone(const Picture &picture, const std::set<uint32_t> &interfaces) {
+  for (uint32_t ifindex : interfaces) {
+    const auto told = interfaces_.find(ifindex);
+    if (told == interfaces_.end()) continue;
+    const auto link = picture.links().find(ifindex);
+    if (link == picture.links().end() || link->second.incarnation != told->second.incarnation) {
+      remove_interface(ifindex);
+    }
+  }
+}
+
+bool State::tell_address(uint32_t ifindex, Told &told, const AddressState &address, const AddressPlace &place) {
+  if (!accepted(publisher_.set_address(ifindex, address), "publish",
+                print_prefix(address.addr, address.mask_len) + " on " + told.state.name)) {
+    return false;
+  }
+  told.addresses[{address.addr, address.mask_len}] = {.state = address, .place = place};
+  return true;
+}
+
+void State::untell_address(uint32_t ifindex, Told &told, const AddressId &id) {
+  if (accepted(publisher_.remove_address(ifindex, id.first, id.second), "take back",
+               print_prefix(id.first, id.second) + " on " + told.state.name)) {
+    told.addresses.erase(id);
+  }
+}
+
+void State::compare_addresses(const InterfaceAddresses *addresses, uint32_t ifindex, Told &told) {
+  std::vector<AddressState> want;
+  std::map<AddressId, AddressPlace> places;
+  if (addresses != nullptr) {
+    for (const auto &[place, key] : addresses->in_order()) {
+      if (!places.try_emplace({key.addr, key.mask_len}, place).second) continue;
+      want.push_back(address_state(key.addr, key.mask_len, addresses->entries().at(key)));
+    }
+  }
+  std::map<AddressPlace, AddressState> by_place;
+  for (const auto &[id, address] : told.addresses) by_place.emplace(address.place, address.state);
+  std::vector<AddressState> have;
+  for (const auto &[place, address] : by_place) have.push_back(address);
+
+  const AddressPlan plan = plan_addresses(have, want);
+  for (const AddressState &address : plan.remove) untell_address(ifindex, told, {address.addr, address.mask_len});
+  for (const AddressState &address : plan.set) {
+    tell_address(ifindex, told, address, places.at({address.addr, address.mask_len}));
+  }
+  for (auto &[id, address] : told.addresses) {
+    if (const auto place = places.find(id); place != places.end()) address.place = place->second;
+  }
+}
+
+void State::set_interface(const Picture &picture, uint32_t ifindex, bool compare) {
+  const auto want = wanted(picture, ifindex);
+  if (!want) return;
+  auto told = interfaces_.find(ifindex);
+  if (told == interfaces_.end() || told->second.state != *want) {
+    if (!accepted(publisher_.set_interface(*want), "publish interface", want->name)) return;
+    if (told == interfaces_.end()) {
+      log_line(LOG_INFO, "interface %s, ifindex %u, context %u", want->name.c_str(), ifindex, want->context_id);
+      told = interfaces_.emplace(ifindex, Told{}).first;
+      told->second.incarnation = picture.links().at(ifindex).incarnation;
+      compare = true;
+    }
+    if (told->second.state.name != want->name) {
+      if (const auto old = by_name_.find(told->second.state.name); old != by_name_.end() && old->second == ifindex) {
+        by_name_.erase(old);
+      }
+      by_name_[want->name] = ifindex;
+      names_changed_ = true;
+    }
+    told->second.state = *want;
+  }
+  if (compare) compare_addresses(picture.addresses(ifindex), ifindex, told->second);
+}
+
+void State::change_addresses(const Picture &picture, uint32_t ifindex, const std::vector<AddressId> &ids) {
+  const auto found = interfaces_.find(ifindex);
+  if (found == interfaces_.end()) return;  // its link has not come yet: compared as a whole then
+  Told &told = found->second;
+  const InterfaceAddresses *addresses = picture.addresses(ifindex);
+  std::map<AddressPlace, AddressState> to_set;
+  for (const AddressId &id : ids) {
+    const AddressEntry *entry = addresses == nullptr ? nullptr : addresses->find(id.first, id.second);
+    const auto known = told.addresses.find(id);
+    if (known != told.addresses.end()) {
+      // Another place of the same kind: it went and came again meanwhile.
+      const bool again =
+          entry != nullptr && entry->place != known->second.place && same_kind(entry->place, known->second.place);
+      if (entry == nullptr || again) untell_address(ifindex, told, id);
+    }
+    if (entry == nullptr) continue;
+    const AddressState want = address_state(id.first, id.second, *entry);
+    const auto still = told.addresses.find(id);
+    if (still == told.addresses.end() || still->second.state != want) to_set.emplace(entry->place, want);
+  }
+  for (const auto &[place, address] : to_set) tell_address(ifindex, told, address, place);
+}
+
+void State::apply_vips() {
+  std::set<std::pair<uint32_t, uint32_t>> want;
+  for (const VipRule &rule : configuration_.vips) {
+    if (const auto found = by_name_.find(rule.interface); found != by_name_.end()) {
+      want.insert({found->second, rule.address});
+    }
+  }
+  for (auto told = vips_.begin(); told != vips_.end();) {
+    if (!want.contains(*told) && accepted(publisher_.remove_vip({.ifindex = told->first, .addr = told->second}),
+                                          "take back virtual address", print_address(told->second))) {
+      told = vips_.erase(told);
+    } else {
+      ++told;
+    }
+  }
+  for (const auto &vip : want) {
+    if (vips_.contains(vip)) continue;
+    if (accepted(publisher_.set_vip({.ifindex = vip.first, .addr = vip.second}), "publish virtual address",
+                 print_address(vip.second))) {
+      vips_.insert(vip);
+    }
+  }
+}
+
+void State::apply_unnumbered() {
+  std::map<uint32_t, Loan> want;
+  for (const UnnumberedRule &rule : configuration_.unnumbered) {
+    const auto borrower = by_name_.find(rule.interface);
+    const auto source = by_name_.find(rule.source);
+    if (borrower == by_name_.end() || source == by_name_.end()) continue;
+    want[borrower->second] = {.source_ifindex = source->second, .source_name = rule.source};
+  }
+  for (auto told = loans_.begin(); told != loans_.end();) {
+    if (!want.contains(told->first) &&
+        accepted(publisher_.set_unnumbered(told->first, 0, ""), "end the loan to", std::to_string(told->first))) {
+      told = loans_.erase(told);
+    } else {
+      ++told;
+    }
+  }
+  for (const auto &[borrower, loan] : want) {
+    const auto told = loans_.find(borrower);
+    if (told != loans_.end() && told->second == loan) continue;
+    if (accepted(publisher_.set_unnumbered(borrower, loan.source_ifindex, loan.source_name), "lend the address of",
+                 loan.source_name)) {
+      loans_[borrower] = loan;
+    }
+  }
+}
+
+bool State::update(const Picture &picture, kernel::Changes changes) {
+  const bool vrfs_changed = watch_vrfs(picture, changes);
+  const bool plan_changed = vrfs_changed || configured_anew_;
+  if (plan_changed) changes.everything = true;
+  names_changed_ |= changes.everything;
+  configured_anew_ = false;
+  if (changes.everything) refused_ = false;
+
+  std::set<uint32_t> touched = std::move(changes.links);
+  if (changes.everything) {
+    for (const auto &[ifindex, link] : picture.links()) touched.insert(ifindex);
+    for (const auto &[ifindex, told] : interfaces_) touched.insert(ifindex);
+  }
+  if (plan_changed) {
+    plan_again();
+    remove_clashing_contexts();
+  }
+  if (changes.everything) set_contexts();
+  remove_gone(picture, touched);
+  for (uint32_t ifindex : touched) set_interface(picture, ifindex, changes.everything);
+  if (!changes.everything) {
+    for (auto each = changes.addresses.begin(); each != changes.addresses.end();) {
+      const uint32_t ifindex = each->first;
+      std::vector<AddressId> ids;
+      for (; each != changes.addresses.end() && each->first == ifindex; ++each) ids.push_back(each->second);
+      change_addresses(picture, ifindex, ids);
+    }
+  }
+  if (changes.everything) remove_stale_contexts();
+  if (names_changed_) {
+    names_changed_ = false;
+    apply_vips();
+    apply_unnumbered();
+  }
+  accepted(publisher_.commit(), "commit", "the batch");
+  return !refused_;
+}
+
+}  // namespace ipd

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+// Merges the kernel's picture with the configuration and tells the publisher what differs from what it was told before.
+#ifndef IPD_STATE_STATE_H
+#define IPD_STATE_STATE_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ipd/config.h"
+#include "ipd/kernel/picture.h"
+#include "ipd/publish/publisher.h"
+#include "ipd/state/contexts.h"
+
+namespace ipd {
+
+class State {
+ public:
+  State(Publisher &publisher, ContextIds &ids) : publisher_(publisher), ids_(ids) {}
+
+  // Takes effect at the next update(), which then compares everything.
+  void configure(Configuration configuration);
+
+  // Publishes what `changes` name and commits, once for the whole batch. False: the publisher refused something, now or
+  // earlier (logged); it is tried again when everything is compared next, which retry_due() asks for.
+  bool update(const kernel::Picture &picture, kernel::Changes changes);
+  [[nodiscard]] bool retry_due() const { return refused_; }
+
+ private:
+  using AddressId = std::pair<uint32_t, uint8_t>;  // addr, mask_len
+  struct ToldAddress {
+    AddressState state;
+    kernel::AddressPlace place;
+  };
+  struct Told {
+    InterfaceState state;
+    uint64_t incarnation = 0;
+    std::map<AddressId, ToldAddress> addresses;
+  };
+  struct Loan {
+    uint32_t source_ifindex = 0;
+    std::string source_name;
+    bool operator==(const Loan &) const = default;
+  };
+
+  [[nodiscard]] bool watch_vrfs(const kernel::Picture &picture, const kernel::Changes &changes);
+  [[nodiscard]] std::optional<InterfaceState> wanted(const kernel::Picture &picture, uint32_t ifindex) const;
+  void plan_again();
+  void remove_clashing_contexts();
+  void set_contexts();
+  void remove_stale_contexts();
+  void remove_interface(uint32_t ifindex);
+  void remove_gone(const kernel::Picture &picture, const std::set<uint32_t> &interfaces);
+  void set_interface(const kernel::Picture &picture, uint32_t ifindex, bool compare_addresses);
+  void compare_addresses(const kernel::InterfaceAddresses *addresses, uint32_t ifindex, Told &told);
+  void change_addresses(const kernel::Picture &picture, uint32_t ifindex, const std::vector<AddressId> &ids);
+  void apply_rules();
+  void apply_vips();
+  void apply_unnumbered();
+  bool tell_address(uint32_t ifindex, Told &told, const AddressState &address, const kernel::AddressPlace &place);
+  void untell_address(uint32_t ifindex, Told &told, const AddressId &id);
+  bool accepted(bool done, const char *what, const std::string &name);
+
+  Publisher &publisher_;
+  ContextIds &ids_;
+  Configuration configuration_;
+  bool configured_anew_ = true;
+  std::map<uint32_t, kernel::LinkMessage> vrfs_;
+  ContextPlan plan_;
+  std::set<std::string> remarked_;
+
+  std::map<uint32_t, ContextState> contexts_;     // told, by id
+  std::map<uint32_t, Told> interfaces_;           // told, by ifindex
+  std::map<std::string, uint32_t> by_name_;       // of interfaces_
+  std::set<std::pair<uint32_t, uint32_t>> vips_;  // told: ifindex, addr
+  std::map<uint32_t, Loan> loans_;                // told, by the borrower's ifindex
+  bool names_changed_ = true;                     // an interface came, went or was renamed
+  bool refused_ = false;
+  uint64_t refusals_ = 0;
+};
+
+}  // namespace ipd
+
+#endif

@@ -1,0 +1,271 @@
+// SPDX-License-Identifier: Apache-2.0
+// One place builds the tree, and everything else is read from it: help on every level, the check of the words, and the
+// shell's completion (complete.cc). A leaf has a function that runs after the whole line was parsed, since --run-dir
+// and
+// --json may stand anywhere on it.
+#include "commands.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <optional>
+
+#include "attachment.h"
+#include "query_run.h"
+#include "sysmgr/sysmgr_writer.h"
+
+namespace ipsh {
+namespace {
+
+// Attached, with a word of warning when nobody keeps the database current.
+std::unique_ptr<Attachment> attach(Failure *failure) {
+  std::unique_ptr<Attachment> attachment = Attachment::open(failure);
+  if (attachment && !attachment->writer_runs()) {
+    fmt::print(stderr, "ipsh: ipd is not running: this is the last state that it published\n");
+  }
+  return attachment;
+}
+
+bool select(const Options &options, Selection *selection, Failure *failure) {
+  ArgumentValue value;
+  if (!options.context.empty()) {
+    if (!decode_argument(ArgumentType::context_id, "--context", options.context, true, &value, failure)) return false;
+    selection->context_id = value.number;
+  }
+  if (!options.interface.empty()) {
+    if (!decode_argument(ArgumentType::interface, "--interface", options.interface, true, &value, failure)) {
+      return false;
+    }
+    selection->iod = value.number;
+  }
+  return true;
+}
+
+// The common shape of the listings: attach, select, read, print. An empty listing is the answer "none".
+template <class Read, class Print>
+ExitCode show(const Options &options, Failure *failure, Read read, Print print) {
+  const std::unique_ptr<Attachment> attachment = attach(failure);
+  if (!attachment) return failure->code;
+  Selection selection;
+  if (!select(options, &selection, failure)) return failure->code;
+  const auto rows = read(selection);
+  print(rows);
+  return rows.empty() ? ExitCode::none : ExitCode::found;
+}
+
+ExitCode show_contexts(const Options &options, const Printers &printers, Failure *failure) {
+  return show(
+      options, failure, [](const Selection &) { return read_contexts(); }, printers.contexts);
+}
+
+ExitCode show_interfaces(const Options &options, const Printers &printers, Failure *failure) {
+  return show(options, failure, read_interfaces, printers.interfaces);
+}
+
+ExitCode show_addresses(const Options &options, const Printers &printers, Failure *failure) {
+  return show(options, failure, read_addresses, printers.addresses);
+}
+
+ExitCode show_memory(const Options &options, const Printers &printers, Failure *failure) {
+  return show(
+      options, failure, [](const Selection &) { return read_memory(); }, printers.memory);
+}
+
+ExitCode show_clients(const Options &options, const Printers &printers, Failure *failure) {
+  return show(
+      options, failure, [](const Selection &) { return read_clients(); }, printers.clients);
+}
+
+ExitCode show_system(const Options &, const Printers &printers, Failure *failure) {
+  const std::unique_ptr<Attachment> attachment = attach(failure);
+  if (!attachment) return failure->code;
+  printers.system(read_system(*attachment));
+  return ExitCode::found;
+}
+
+ExitCode query_list(const Options &options, const Printers &printers, Failure *failure) {
+  if (!options.list) {
+    *failure = {ExitCode::usage, "query: the name of a query is missing", "ipsh query --list shows them"};
+    return failure->code;
+  }
+  printers.query_list();
+  return ExitCode::found;
+}
+
+Run query_runner(const Query &query) {
+  return [&query](const Options &options, const Printers &printers, Failure *failure) {
+    std::unique_ptr<Attachment> attachment;
+    if (query.needs_database) {
+      attachment = attach(failure);
+      if (!attachment) return failure->code;
+    }
+    QueryResult result;
+    if (!run_query(query, options.query_words, attachment != nullptr, &result, failure)) return failure->code;
+    printers.query(result);
+    return result.found ? ExitCode::found : ExitCode::none;
+  };
+}
+
+// A limit of the watch: a number above 0, or nothing where the option was left out.
+template <class Number>
+bool decode_limit(const char *option, const std::string &given, const char *accepts, std::optional<Number> *limit,
+                  Failure *failure) {
+  if (given.empty()) return true;
+  Number number{};
+  const auto [end, error] = std::from_chars(given.data(), given.data() + given.size(), number);
+  if (error == std::errc() && end == given.data() + given.size() && number > 0 && number <= Number{1000000000}) {
+    *limit = number;
+    return true;
+  }
+  *failure = {ExitCode::usage, fmt::format("{}: '{}' is not accepted here", option, given), accepts};
+  return false;
+}
+
+ExitCode watch_changes(const Options &options, const Printers &printers, Failure *failure) {
+  WatchLimits limits;
+  if (!decode_limit("--count", options.count, "give a number of changes, 1 or more", &limits.count, failure) ||
+      !decode_limit("--timeout", options.seconds, "give seconds, above 0, such as 5 or 0.5", &limits.seconds,
+                    failure)) {
+    return failure->code;
+  }
+  const std::unique_ptr<Attachment> attachment = attach(failure);
+  if (!attachment) return failure->code;
+  return watch(*attachment, limits, printers.watch, failure);
+}
+
+Run supervisor_setter(uint32_t state) {
+  return [state](const Options &, const Printers &printers, Failure *failure) {
+    if (!set_supervisor(state, failure)) return failure->code;
+    printers.supervisor(state);
+    return ExitCode::found;
+  };
+}
+
+struct Listing {
+  const char *name;
+  const char *what;
+  bool selects;  // takes --context and --interface
+  const char *examples;
+  ExitCode (*run)(const Options &, const Printers &, Failure *);
+};
+
+constexpr std::array<Listing, 6> listings{{
+    {"contexts", "routing contexts (VRFs): id, name, route table, router id", false, "ipsh show contexts",
+     show_contexts},
+    {"interfaces", "interfaces: state, MTU, primary address, flags", true,
+     "ipsh show interfaces\n  ipsh show interfaces --context red --json", show_interfaces},
+    {"addresses", "local addresses: primary, secondary and virtual", true,
+     "ipsh show addresses --interface eth0\n  ipsh show addresses --json | jq -r '.addresses[].address'",
+     show_addresses},
+    {"memory", "memory in use, by process and type", false, "ipsh show memory", show_memory},
+    {"clients", "processes that read the shared database", false, "ipsh show clients", show_clients},
+    {"system", "ipd, the supervisor state and the shared database", false, "ipsh show system", show_system},
+}};
+
+constexpr const char *exit_codes =
+    "Exit codes: 0 yes, found or done; 1 the answer is 0 or none; 2 wrong usage;\n"
+    "            3 no ipd, or it cannot be attached; 4 not permitted.";
+constexpr const char *everywhere = "--json and --run-dir DIR are accepted here too (see ipsh --help).";
+
+std::string examples(std::string_view lines) {
+  return fmt::format("Examples:\n  {}\n\n{}", lines, everywhere);
+}
+
+void add_show(CommandTree *tree) {
+  CLI::App *show_command = tree->app.add_subcommand("show", "list what the running system knows");
+  show_command->require_subcommand(1);
+  show_command->footer(examples("ipsh show interfaces\n  ipsh show system --json"));
+  for (const Listing &listing : listings) {
+    CLI::App *command = show_command->add_subcommand(listing.name, listing.what);
+    if (listing.selects) {
+      command->add_option("--context", tree->options.context, "only of this context: its id or name")
+          ->type_name("<context-id>");
+      command->add_option("--interface", tree->options.interface, "only of this interface: its iod or name")
+          ->type_name("<interface>");
+    }
+    command->footer(examples(listing.examples));
+    tree->runs[command] = listing.run;
+  }
+}
+
+void add_query(CommandTree *tree) {
+  CLI::App *query_command = tree->app.add_subcommand("query", "ask the library one of its queries, by exported name");
+  query_command->require_subcommand(0, 1);
+  query_command->add_flag("--list", tree->options.list, "list all queries with their arguments");
+  query_command->footer(
+      examples("ipsh query ip_get_iod_for_local_address --name default --addr 127.0.0.1\n"
+               "  ipsh query ip_bits2mask --len 24 --json\n  ipsh query --list"));
+  tree->runs[query_command] = query_list;
+  for (const QueryGroup &group : query_groups()) {
+    for (const Query &query : group.queries) {
+      CLI::App *command = query_command->add_subcommand(std::string(query.name), std::string(query.what));
+      command->group(std::string(group.title));
+      for (const Argument &argument : query.arguments) {
+        const auto keep = [tree, name = std::string(argument.name)](const std::string &word) {
+          tree->options.query_words[name] = word;
+        };
+        const ArgumentTypeInfo &type = type_info(argument.type);
+        command
+            ->add_option_function<std::string>(
+                fmt::format("--{}", argument.name), keep,
+                fmt::format("{} ({}{})", argument.what, type.accepts, argument.preset ? "; may be left out" : ""))
+            ->type_name(fmt::format("<{}>", type.name));
+      }
+      command->footer(fmt::format("Answers:\n  {}{}{}\n\n{}", query.reads_found,
+                                  query.reads_none.empty() ? "" : "\n  or 0: ", query.reads_none,
+                                  examples(fmt::format("ipsh query {} {}", query.name, query.example))));
+      tree->runs[command] = query_runner(query);
+    }
+  }
+}
+
+void add_watch(CommandTree *tree) {
+  CLI::App *command = tree->app.add_subcommand("watch", "print contexts, interfaces and addresses as they change");
+  command->add_option("--count", tree->options.count, "end after so many changes")->type_name("<number>");
+  command->add_option("--timeout", tree->options.seconds, "end after so many seconds")->type_name("<seconds>");
+  command->footer(examples(
+      "ipsh watch\n  ipsh watch --count 1 --timeout 10\n  ipsh watch --json | jq -c 'select(.object == \"address\")'"));
+  tree->runs[command] = watch_changes;
+}
+
+void add_system(CommandTree *tree) {
+  CLI::App *system_command = tree->app.add_subcommand("system", "change the state of the system");
+  system_command->require_subcommand(1);
+  system_command->footer(examples("ipsh system standby"));
+  CLI::App *active = system_command->add_subcommand("active", "make this supervisor the active one");
+  active->footer(examples("ipsh system active"));
+  tree->runs[active] = supervisor_setter(rsw::supervisor_active);
+  CLI::App *standby = system_command->add_subcommand("standby", "make this supervisor the standby one");
+  standby->footer(examples("ipsh system standby"));
+  tree->runs[standby] = supervisor_setter(rsw::supervisor_standby);
+}
+
+}  // namespace
+
+CommandTree::CommandTree() : app("Ask the IPv4 state of this system: contexts, interfaces, addresses.", "ipsh") {
+  app.fallthrough();
+  app.set_help_flag("-h,--help", "print this help and exit");
+  app.set_version_flag("--version", "ipsh " IPSH_VERSION, "print the version and exit");
+  app.add_flag("--json", options.json, "print JSON instead of tables");
+  app.add_option("--run-dir", options.run_directory, "the run directory of ipd (else RSW_RUN_DIR, else the default)")
+      ->type_name("<directory>");
+  app.require_subcommand(1);
+  app.footer(
+      fmt::format("Examples:\n  ipsh show interfaces\n  ipsh query ip_get_mtu --iod eth0\n"
+                  "  ipsh watch --timeout 60\n\n{}",
+                  exit_codes));
+  add_show(this);
+  add_query(this);
+  add_watch(this);
+  add_system(this);
+}
+
+const CLI::App *named_command(const CLI::App &app) {
+  const CLI::App *command = &app;
+  while (!command->get_subcommands().empty()) command = command->get_subcommands().back();
+  return command;
+}
+
+}  // namespace ipsh

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+// The command tree: what can be written on the command line, and what each command runs.
+#ifndef IPSH_COMMANDS_H
+#define IPSH_COMMANDS_H
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "exit_code.h"
+#include "printers.h"
+
+namespace ipsh {
+
+// What the options hold after parsing; an empty text is an option that was left out.
+struct Options {
+  bool json = false;
+  bool list = false;
+  std::string run_directory;
+  std::string context, interface;
+  std::string count, seconds;
+  std::map<std::string, std::string, std::less<>> query_words;  // by argument name
+};
+
+// Runs a command and returns its exit code. With a code of 2 and above *failure says why.
+using Run = std::function<ExitCode(const Options &options, const Printers &printers, Failure *failure)>;
+
+struct CommandTree {
+  CLI::App app;
+  Options options;
+  std::map<const CLI::App *, Run> runs;
+  CommandTree();
+  CommandTree(const CommandTree &) = delete;
+  CommandTree &operator=(const CommandTree &) = delete;
+};
+
+// The innermost command that was named on the command line.
+[[nodiscard]] const CLI::App *named_command(const CLI::App &app);
+
+}  // namespace ipsh
+
+#endif

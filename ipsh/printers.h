@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+// Two ways to show the same decoded rows: tables for people, JSON for programs. A command decodes once and calls the
+// printer of its kind through the table of functions that --json chose.
+#ifndef IPSH_PRINTERS_H
+#define IPSH_PRINTERS_H
+
+#include <vector>
+
+#include "exit_code.h"
+#include "mtrack/mtrack_writer.h"
+#include "query_run.h"
+#include "snapshot.h"
+#include "system_state.h"
+#include "tsp/epochs.h"
+#include "watch.h"
+
+namespace ipsh {
+
+// All write to standard output, whole lines; watch output is flushed at once.
+struct Printers {
+  void (*contexts)(const std::vector<ContextRow> &rows);
+  void (*interfaces)(const std::vector<InterfaceRow> &rows);
+  void (*addresses)(const std::vector<AddressRow> &rows);
+  void (*memory)(const std::vector<rsw::MemoryUse> &rows);
+  void (*clients)(const std::vector<rsw::EpochClient> &rows);
+  void (*system)(const SystemState &state);
+  void (*supervisor)(uint32_t state);  // after it was set
+  void (*query)(const QueryResult &result);
+  void (*query_list)();
+  WatchOutput watch;
+  void (*failure)(const Failure &failure);
+};
+
+extern const Printers table_printers;
+extern const Printers json_printers;
+
+}  // namespace ipsh
+
+#endif

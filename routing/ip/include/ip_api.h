@@ -1,0 +1,673 @@
+// SPDX-License-Identifier: Apache-2.0
+// libip: IPv4 state of this system for every process that speaks IPv4.
+//
+// The IP process publishes contexts, interfaces and addresses in a shared segment. A client attaches it read-only and
+// answers its own questions from it, in its own thread, without a message:
+//
+//   if (ip_api_init() == NULL) exit(1);
+//   uint32_t iod = ip_get_iod_for_local_address("default", 0x7f000001);   // 127.0.0.1: which of my interfaces?
+//   ...
+//   ip_api_close();
+//
+// Words used throughout:
+//   iod      an interface, as the interface manager numbers them; 0 is no interface
+//   context  a VRF: an id (never 0), a name, a table of the URIB
+//   address  32 bits in host order, first octet most significant: 10.0.0.0 is 0x0a000000. inet_ntoa() is the exception
+//   true     1; false, none, "no answer" and failure are all 0 or null, unless a function says otherwise
+//
+// Threads, where a function says "any": any number of threads may call it at once, also from inside a callback that the
+// library makes. "start-up" functions build up or tear down the state of the whole process without a lock: call them
+// from start-up and shut-down code, while no other thread is inside the library.
+//
+// Blocks: no function in this header blocks, unless it says so. The reader lock under the queries makes no system call
+// and waits for nobody. In the IP process (ip_is_server_flag) queries take no lock at all: it owns the database.
+//
+// Owns: nothing is handed over in either direction, unless a function says so. Records and names that point into the
+// shared segment stay readable while the process is attached, but may change or be reused after the call: copy what has
+// to last.
+#ifndef IP_API_H
+#define IP_API_H
+
+#include <assert.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "ip_db.h"
+#include "ip_memory_types.h"
+#include "ip_messages.h"
+#include "log.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+// ---------------------------------------------------------------------------------------------------------- the client
+
+// The one client record of a process. There is no typedef: the variable below bears the name.
+struct ip_client {
+  uint32_t ctrl_q;        // queue handle for control messages
+  uint32_t data_q;        // queue handle for packets
+  uint8_t seg_desc[176];  // first part of the segment descriptor, as it was at attach
+  uint32_t rwsem_lock;    // reader lock; 0: none
+  uint8_t reg_aux8;
+  uint8_t reserved189[3];
+  uint32_t reg_aux32;
+  uint32_t flags;
+  char recv_fn[33];  // name of the receive function
+  uint8_t reserved233[3];
+};
+static_assert(sizeof(struct ip_client) == 236, "programs that link the library hold a copy of this record");
+static_assert(offsetof(struct ip_client, seg_desc) == 8, "");
+static_assert(offsetof(struct ip_client, rwsem_lock) == 184, "");
+static_assert(offsetof(struct ip_client, reg_aux8) == 188, "");
+static_assert(offsetof(struct ip_client, reg_aux32) == 192, "");
+static_assert(offsetof(struct ip_client, flags) == 196, "");
+static_assert(offsetof(struct ip_client, recv_fn) == 200, "");
+
+extern struct ip_client ip_client;
+
+// ----------------------------------------------------------------------------------------------------- start and stop
+
+// Full start: shared-memory manager, shared database, and on the active supervisor the URIB client.
+// Threads: start-up. May be called once per module of a process; each success wants one ip_api_close().
+// Owns: the result belongs to the library.
+// Results: the client pointer: go on. Null: the reason is in the system log; what was done so far stays done (see
+//   ip_shm_api_init), treat it as fatal. A URIB that does not start yet is no failure: URIB questions try again.
+struct ip_client *ip_api_init(void);
+
+// Start for the shared database only.
+// Threads: start-up. The first success creates the reader lock, attaches the segment, opens the interface manager and
+//   registers the memory types; later calls count a reference and do nothing else.
+// Results: the client pointer. Null: lock, segment or interface manager failed; the log says which. An earlier step is
+//   not undone: the lock stays in ip_client.rwsem_lock, the segment stays in ip_shseg. A new call starts over.
+struct ip_client *ip_shm_api_init(void);
+
+// Attaches the segment and finds the root record. Part of ip_shm_api_init; of use alone only to a program that wants
+// the records and neither lock nor interface manager.
+//   dest  null, or 176 bytes for a copy of the first part of the segment descriptor
+// Threads: start-up.
+// Results: 1 attached: ip_shseg, ip_api_data, ip_api_mpib and ip_api_contexts_queue are set. 0 not attached.
+uint32_t ip_attach_shm(void *dest);
+
+// Registers the memory types of this component with the memory tracker. Part of ip_shm_api_init.
+// Threads: start-up.
+// Results: what the tracker answers for the shared types.
+uint32_t ip_mem_init(void);
+
+// Takes one reference and marks the process as attached without attaching anything, for a process that only sends
+// messages. Questions to the database find it empty.
+// Threads: start-up. Wants one ip_api_close() like the others.
+// Results: the client pointer, always.
+struct ip_client *ip_api_init_mts_q(void);
+
+// Gives one reference back; the last one closes the interface manager, destroys the lock, detaches the segment and
+// closes the URIB client. Without a reference: logged, nothing happens. Threads: start-up. No other thread may be
+// inside a query.
+void ip_api_close(void);
+
+// The same, but leaves the lock and the URIB client alone, for a process in which others still use them.
+void ip_api_close_nodeps(void);
+
+// Takes the name of the segment away: who is attached stays attached, nobody attaches any more. For the IP process.
+// Results: 1, always.
+uint32_t ip_remove_shm(void);
+
+// Threads: any. Results: the address of ip_client, attached or not.
+struct ip_client *ip_get_client_pointer(void);
+
+// Size in bytes of the largest message between a client and the IP process. Threads: any. Results: 232.
+uint32_t ip_get_max_msg_size(void);
+
+// Threads: any. Results: 0: there is no accounting of the data queue; kept for its callers.
+uint32_t ip_data_queue_get_usage(void);
+
+// Drivers need no state of their own in this library; kept for their start-up code. Results: 1.
+uint32_t ip_driver_api_init(void);
+void ip_driver_api_close(void);
+
+// Names the one special interface that counts as enabled for IP, forwarding and multicast whatever its record says.
+//   ifidx  interface index; 0: none
+// Threads: start-up.
+void set_fwd_enabled_spl_ifidx(uint32_t ifidx);
+
+// Is this the special interface? The iod is looked up when it is first needed and never again: naming another interface
+// afterwards changes nothing.
+// Threads: any. Results: 1 yes; 0 no, none named, or the interface manager does not know it yet (asked again next
+// time).
+uint32_t is_fwd_enabled_spl_iod(uint32_t iod);
+
+// ------------------------------------------------------------------------------------------------- why a question
+// failed
+
+// The reason of the last failed call of a query that says "error text", one line without a newline; empty after a
+// success of such a query. Other queries leave it alone.
+// Threads: any, but there is one buffer per process: two threads that fail at once may mix their texts.
+// Results: the address of ip_api_err_log; both functions are the same.
+char *ip_api_get_error(void);
+char *ip_get_api_error_info(void);
+
+// -------------------------------------------------------------------------------------------------------------
+// contexts
+
+// The context record of an id.
+// Threads: any.
+// Results: the record (in the segment, see Owns above). Null: not attached, no such context (both silent), or id 0
+//   (logged as INVALID_NOTIFY).
+struct ip_api_context_type *ip_get_api_context(uint32_t context_id);
+
+// The context record of a name.
+//   name  compared exactly, letter case counts
+// Threads: any.
+// Results: the record. Null: not attached, no such context (both silent), or null name (logged as IP_INTERNAL_ERROR).
+struct ip_api_context_type *ip_get_api_context_by_name(const char *name);
+
+// The id of a named context. Arguments and failures as ip_get_api_context_by_name. Results: the id; 0: none.
+uint32_t ip_get_api_context_id(const char *name);
+
+// The name of a context.
+// Threads: any, error text.
+// Results: the name in the segment. Null: id 0 (also logged as IP_INTERNAL_ERROR), not attached or no such context: the
+//   error text says which; a database without contexts leaves it empty.
+char *ip_get_api_context_name(uint32_t context_id);
+
+// ------------------------------------------------------------------------------------------------- records of answers
+
+// A prefix. Two are equal only when both fields are: the address is not masked first.
+typedef struct ip_prefixtype {
+  uint32_t addr;     // host order
+  uint8_t mask_len;  // 0 .. 32
+} ip_prefixtype;
+static_assert(sizeof(ip_prefixtype) == 8, "");
+static_assert(offsetof(ip_prefixtype, mask_len) == 4, "");
+
+// Which interface the ICMP errors of a process name as their source.
+typedef struct ip_icmp_err_source {
+  char if_name[40];   // NUL-terminated
+  uint32_t src_addr;  // host order; 0: none
+} ip_icmp_err_source;
+static_assert(sizeof(ip_icmp_err_source) == 44, "");
+static_assert(offsetof(ip_icmp_err_source, src_addr) == 40, "");
+
+// ------------------------------------------------------------------------------------------- questions to an interface
+
+// All of them: Threads: any. Results: 0 also when not attached, for iod 0, and for an interface without IP state.
+
+// Is addr any address of the interface, primary or secondary? Takes no lock: beside a change it may miss an address.
+uint32_t ip_is_address_on_interface(uint32_t addr, uint32_t iod);
+
+// The mask length, 0 .. 32, of an address of the interface; 0 also when the interface does not hold addr.
+uint32_t ip_get_local_mask_len(uint32_t addr, uint32_t iod);
+
+// Steps through the secondary addresses of an interface, in the IP process's order:
+//   uint32_t addr = 0;
+//   uint8_t len = 0;
+//   for (ip_get_next_secondary(iod, &addr, &len); addr != 0; ip_get_next_secondary(iod, &addr, &len)) ...
+//   addr, mask_len  in: 0 for the first one, else what the previous call gave; out: the next one, or 0 and 0 at the
+//   end,
+//                   and also when the previous one is gone
+void ip_get_next_secondary(uint32_t iod, uint32_t *addr, uint8_t *mask_len);
+
+// Number of addresses beyond the primary one.
+uint32_t ip_get_secondary_count(uint32_t iod);
+
+// Is the multicast group (host order) joined on the interface?
+uint32_t ip_is_group_joined(uint32_t group, uint32_t iod);
+
+// May directed broadcasts leave through the interface? Results: the configured value; nonzero: yes.
+uint32_t ip_allow_directed_broadcast(uint32_t iod);
+
+// Does the interface borrow its address from another one?
+uint32_t ip_is_iod_unnumbered(uint32_t iod);
+
+// Is multicast enabled on the interface? 1 for the special interface, attached or not.
+uint32_t ip_is_multicast_enabled(uint32_t iod);
+
+// Is IP enabled on the interface: it has an address, own or borrowed, or it forwards, or it is the special interface?
+// 0 when not attached, for the special interface too.
+uint32_t ip_enabled(uint32_t iod);
+
+// Is forwarding enabled on the interface? 1 for the special interface while attached.
+uint32_t ip_forward_enabled(uint32_t iod);
+
+// The interface's primary address; an unnumbered interface answers with its lender's. 0 also when there is none.
+uint32_t ip_get_local_addr(uint32_t iod);
+
+// The mask of ip_get_local_addr() on the interface itself: 0 for an address that is borrowed.
+uint32_t ip_get_local_mask(uint32_t iod);
+
+// The primary address with its length, a borrowed one too.
+//   out  the address; 0.0.0.0/0 when there is none, or when not attached
+// Results: 1 when attached, also without an address or for an unknown interface: look at *out. 0: not attached, or out
+//   is null.
+uint32_t ip_get_local_prefix(uint32_t iod, ip_prefixtype *out);
+
+// The interface's address to speak to a destination from: the one whose subnet holds it with the longest prefix, the
+// earlier of equals; else the primary one. An unnumbered interface answers with its lender's primary address.
+//   dest  host order
+// Results: the address; 0 only when there is none at all.
+uint32_t ip_get_best_local_addr(uint32_t iod, uint32_t dest);
+
+// The same, only where a subnet holds the destination; an unnumbered interface has its lender's subnets. A prefix of
+// length 0 does not count.
+//   out  the address; untouched after a 0
+// Results: 1 found; 0 no such subnet, or out is null.
+uint32_t ip_get_best_intf_addr(uint32_t iod, uint32_t dest, uint32_t *out);
+
+// Is the target in the subnet of one of the interface's own addresses, other than the target itself?
+uint32_t ip_check_target_addr_for_local_subnet(uint32_t iod, uint32_t target);
+
+// The interface's own address with the longest prefix that holds addr, the earlier of equals; addr itself does not
+// count. 0 also when there is none.
+uint32_t ip_get_local_addr_for_subnet(uint32_t iod, uint32_t addr);
+
+// The same question, with its arguments the other way round.
+uint32_t ip_is_addr_on_attached_subnet(uint32_t addr, uint32_t iod);
+
+// Is the address the all-ones or all-zeros host of one of the interface's own subnets? Subnets of 31 and 32 bits have
+// none. Whether such packets may pass is ip_allow_directed_broadcast()'s to say.
+uint32_t ip_is_addr_directed_broadcast(uint32_t addr, uint32_t iod);
+
+// Number of virtual addresses of the interface.
+uint32_t ip_get_vaddr_count_for_iod(uint32_t iod);
+
+// What an unnumbered interface borrows.
+//   addr  out: the lender's primary address, or 0
+//   name  out: the lender's name; room for the longest interface name of the platform and its NUL: the library does not
+//         know the size of the buffer. Untouched when the interface names no lender
+//   flag  out: 1 when addr is set, else 0; not null
+// Error text. Results: 1 asked: look at *flag; when it is 0, the error text says why (not an unnumbered interface, the
+//   lender is down, gone or without an address). 0: addr or name is null, or not attached: the error text says which.
+uint32_t ip_get_unnumbered_info(uint32_t iod, uint32_t *addr, char *name, uint32_t *flag);
+
+// The interface came up, went down or changed its address: ICMP errors that name it follow.
+//   rec   the caller's record; not null
+//   flag  nonzero: up, the source becomes ip_get_local_addr(iod); 0: down, it becomes 0
+// Results: the new source address, 0 too. When the record names another interface: what strcmp() of the two names
+//   says, nonzero, and the record stays as it is. 0 also for an interface without a name.
+uint32_t ip_update_icmp_err_source_address(ip_icmp_err_source *rec, uint32_t iod, uint32_t flag);
+
+// The interface's MTU in bytes, from the interface manager; needs no attachment.
+uint32_t ip_get_mtu(uint32_t iod);
+
+// The MTU that counts for a packet: that of the iod. The first five arguments are ignored.
+uint32_t ip_calc_effective_mtu(uint32_t ignored1, uint32_t ignored2, uint32_t ignored3, uint32_t ignored4,
+                               uint32_t ignored5, uint32_t iod);
+
+// ------------------------------------------------------------------------------------------- walks over the interfaces
+
+// All of them: Threads: any. The order is the interface manager's, loopbacks first.
+
+// Steps through the interfaces for which ip_enabled() holds:
+//   for (uint32_t iod = ip_get_each_enabled_iod(0); iod != 0; iod = ip_get_each_enabled_iod(iod)) ...
+// The lock is held for one step: interfaces that come or go during the loop may be met or not.
+//   prev  the last answer; 0 begins
+// Results: the next iod; 0: none, or not attached.
+uint32_t ip_get_each_enabled_iod(uint32_t prev);
+
+// The same for interfaces that have multicast enabled and addresses of their own or are unnumbered.
+uint32_t ip_get_each_multicast_iod(uint32_t prev);
+
+// Which enabled interface of the context has the address configured itself? Does not ask the context's tree, and holds
+// the lock only from interface to interface: beside a change it may miss an address.
+//   context_id  0: nobody
+//   addr        host order
+// Cost: linear in the addresses of all interfaces of the context. Results: the iod; 0: nobody, or not attached.
+uint32_t ip_is_addr_local_configured(uint32_t context_id, uint32_t addr);
+
+// The primary address of the first interface of the context that has an address and multicast enabled.
+//   iod  null, or out: the interface; untouched without one
+// Results: the address; 0: none.
+uint32_t ip_get_local_mcast_addr(uint32_t context_id, uint32_t *iod);
+
+// The primary address of the first interface that has one: a loopback's, where a loopback has an address, in whatever
+// context. Results: the address; 0: none.
+uint32_t ip_get_loopback_addr(void);
+
+// ------------------------------------------------------------------------------------------- questions to a context
+
+// Which interface of the context holds the address? The first one, where several do.
+//   name  of the context
+//   addr  host order
+// Threads: any, error text.
+// Results: the iod; 0: nobody holds it (error text empty), no such context or a context without addresses (error text),
+//   null name or not attached (logged as IP_INTERNAL_ERROR, error text empty).
+uint32_t ip_get_iod_for_local_address(const char *name, uint32_t addr);
+
+// The same question under its other name.
+uint32_t ip_get_alliod_for_address(const char *name, uint32_t addr);
+
+// The same question to a context's record: no lookup of the context, and no reason for a failure.
+//   context  as the context lookups give it; null: nobody holds the address
+//   addr     host order
+// Threads: any; opens the URIB client if nobody did so yet (logged as IP_FAILURE if it does not open).
+// Results: the iod; 0: nobody holds it, null context, a context without addresses, not attached.
+uint32_t ip_get_iod_for_local(struct ip_api_context_type *context, uint32_t addr);
+
+// Which interface of the context holds the address, virtual or not, active or not? By the context's id, without a
+// reason. Threads: any. Results: the iod; 0: nobody, no such context, or id 0 (all silent).
+uint32_t ip_is_addr_local_intf(uint32_t context_id, uint32_t addr);
+
+// The same, for virtual addresses only.
+uint32_t ip_is_addr_local_vip(uint32_t context_id, uint32_t addr);
+
+// Which interface of the context holds the address now? A virtual address counts only while it is active: while the
+// best route of the URIB for it is local and live.
+//   name  of the context
+//   addr  host order
+// Threads: any; may take the URIB's own lock. Results: the iod; 0: nobody, no such context, null name (all silent).
+uint32_t ip_is_addr_local_active(const char *name, uint32_t addr);
+
+// The same question under its other name.
+uint32_t ip_is_addr_local(const char *name, uint32_t addr);
+
+// The lowest address of the context whose interface is up and that, when it is virtual, is active.
+// Threads: any; may take the URIB's own lock. Cost: linear in the addresses below it.
+// Results: the address; 0: none, no such context, or id 0 (silent).
+uint32_t ip_get_active_local_address(uint32_t context_id);
+
+// Steps through the local addresses of the context in ascending order:
+//   for (uint32_t addr = ip_get_next_address("default", 0); addr != 0; addr = ip_get_next_address("default", addr)) ...
+//   name  of the context
+//   addr  any address, host order; it need not be local
+// Threads: any. Results: the lowest local address above addr; 0: none, no such context, or null name (silent).
+uint32_t ip_get_next_address(const char *name, uint32_t addr);
+
+// The same question under its other name.
+uint32_t ip_get_next_all_address(const char *name, uint32_t addr);
+
+// Which interface of the context holds exactly this prefix? The first one, where several do.
+//   name  of the context
+//   addr  of the subnet, host order
+//   len   0 .. 32
+// Threads: any, error text.
+// Results: the iod; 0: nobody, no such context or a context without addresses (the error text says which), null name or
+//   not attached (logged as IP_INTERNAL_ERROR, error text empty).
+uint32_t ip_get_iod_for_local_subnet(const char *name, uint32_t addr, uint8_t len);
+
+// Before an address is configured: does its prefix collide with one that another interface of the context holds? Looks
+// at the prefixes that cover it, where only interfaces that are administratively up count, and at those inside it, of
+// interfaces in any state.
+//   ctx         the context; null is an overlap with iod 0: refuse the address
+//   addr, len   the new address, host order, and its length, 1 .. 32 (0 asks for this very address only, inside)
+//   ignore_iod  the interface that is to get the address; 0: none
+//   out         the interface that collides, 0 without one; not null
+// Threads: any. Debug lines at the debug level. Cost: linear in the prefixes inside, up to the first collision.
+// Results: 1 overlap, or no context; 0 none, not attached, or a context without addresses.
+uint32_t ip_find_overlap_interface(struct ip_api_context_type *ctx, uint32_t addr, uint8_t len, uint32_t ignore_iod,
+                                   uint32_t *out);
+
+// Is there any prefix of an interface that is administratively up around the new one, or is the first one inside it?
+// Arguments and results as above.
+uint32_t ip_check_for_prefix_overlap(struct ip_api_context_type *ctx, uint32_t addr, uint8_t len, uint32_t *out);
+
+// The same for interfaces in any state.
+uint32_t ip_check_for_prefix_overlap_no_state(struct ip_api_context_type *ctx, uint32_t addr, uint8_t len,
+                                              uint32_t *out);
+
+// The first virtual address, in address order, of an interface.
+//   context_id  where to look
+//   addr        an address of the interface, host order; it does not change the answer
+//   out         the virtual address, host order; of use only after a 1 (written on the way, too)
+// Threads: any. Cost: linear in the context's addresses.
+// Results: 1 found; 0 none, no such context, out is null (id 0: logged as INVALID_NOTIFY).
+uint32_t ip_get_best_intf_vip(uint32_t context_id, uint32_t addr, uint32_t iod, uint32_t *out);
+
+// Is the best route of the URIB for the address a local one with a live next hop?
+//   table_id  the context's URIB table; 0: no
+//   addr      host order
+// Threads: any; takes the URIB's own lock. Results: 1 or 0.
+uint32_t ip_urib_is_addr_active_local(uint32_t table_id, uint32_t addr);
+
+// ------------------------------------------------------------------------------------------------ questions to routes
+
+// All of them ask the URIB about the table of a context, under the URIB's own lock. Threads: any.
+//   name  of the context
+//   addr  host order
+// Results: 0 also when there is no such context, the context has no table, the process is not attached, or URIB is not
+//   to be had; a null name is logged as IP_INTERNAL_ERROR (and is no such context).
+// Those that say "starts URIB" open the URIB client if nobody did so yet, log IP_FAILURE if it does not open, and ask
+// all the same. The others count on ip_api_init of an active supervisor, or on another query, to have opened it.
+
+// By which interface is the address connected: on its subnet, or an address of this system itself?
+// Results: the iod of the direct route; 0: no direct route covers the address.
+uint32_t ip_is_route_direct(const char *name, uint32_t addr);
+
+// The same question. Starts URIB.
+uint32_t ip_get_iod_from_addr(const char *name, uint32_t addr);
+
+// On which interface's subnet is the address? An address of this system itself is not on one.
+// Results: the iod; 0: none. What stands in the way is logged as IP_INTERNAL_ERROR: null name, not attached, no such
+//   context, a context without a table.
+uint32_t ip_is_addr_attached(const char *name, uint32_t addr);
+
+// Is the address connected by this interface? The interface says in which context to look. Starts URIB.
+//   ignored  not looked at
+// Results: 1 yes; 0 no. The iod itself, which is true, when the interface has no table.
+uint32_t ip_is_addr_on_iod(const void *ignored, uint32_t addr, uint32_t iod);
+
+// Is the best route for the address that of an address of this system? Starts URIB.
+// Results: the iod of that route; 0: no.
+uint32_t ip_is_addr_local_in_urib(const char *name, uint32_t addr);
+
+// Which interface holds the address, as the URIB knows it: by a local route for exactly this address. Starts URIB.
+// Results: the iod; 0: none.
+uint32_t ip_get_iod_for_address(const char *name, uint32_t addr);
+
+// Which interface is on this subnet: has an attached route for exactly this prefix? Starts URIB.
+//   addr, len  the prefix; bits of the address beyond the length count
+// Results: the iod; 0: none.
+uint32_t ip_get_iod_for_subnet(const char *name, uint32_t addr, uint8_t len);
+
+// Where does a packet to a destination leave, and with which source address? Starts URIB.
+//   context_id  where to look
+//   dest_net    the destination in network order, as it lies in a packet
+//   iod         out: the interface that the path leaves by, also when the source address is not one of its own
+// Results: the source address, host order: the best one of that interface, or, when it has none or is another context's
+//   (a leaked route), the context's lowest active one. 0: multicast destination, null iod, no such context (id 0:
+//   logged as INVALID_NOTIFY), no path: *iod untouched; or no address at all: *iod written.
+uint32_t ip_get_route(uint32_t context_id, uint32_t dest_net, uint32_t *iod);
+
+// By which interface does multicast traffic of a source have to come in: from its subnet, or as a multicast static
+// route says?
+//   addr      the source
+//   selector  picks one of the next hops of a multicast static route: the same word, the same one
+// Results: the iod; 0: neither, or the source is connected in another way and no multicast static route agrees.
+uint32_t ip_is_addr_mattached(const char *name, uint32_t addr, uint32_t selector);
+
+// The neighbour from which a multicast static route wants the traffic of a source. Arguments as ip_is_addr_mattached.
+// Results: the neighbour's address, host order; 0: no such route, or a direct route covers the source.
+uint32_t ip_get_mstatic_rpf(const char *name, uint32_t addr, uint32_t selector);
+
+// The same, a direct route or not.
+uint32_t ip_get_mstatic_rpf_no_mpath(const char *name, uint32_t addr, uint32_t selector);
+
+// ---------------------------------------------------------------------------------------- router id, counters,
+// settings
+
+// All of them: Threads: any. Results: 0 also when the process is not attached.
+
+// The router id of a context, host order, and the interface that it was taken from.
+//   context_id  logged as INVALID_NOTIFY when it is 0
+//   name        logged as IP_INTERNAL_ERROR when it is null
+// Results: router id or iod; 0: no such context, or it has none.
+uint32_t ip_get_router_id(int32_t context_id);
+uint32_t ip_get_router_id_iod(int32_t context_id);
+uint32_t ip_get_router_id_by_name(const char *name);
+uint32_t ip_get_router_id_iod_by_name(const char *name);
+
+// Number of PIM asserts that were sent on the interface. Results: the number; 0: none, iod 0 or no IP state (silent),
+// or
+//   not attached (logged as IP_INTERNAL_ERROR).
+uint32_t ip_get_pim_assert_sent_count(uint32_t iod);
+
+// Calls back for each multicast group that is joined on the interface, until the callback answers nonzero.
+//   callback    group: host order; group_data: what the IP process keeps with it; arg: as given. Null: nothing happens.
+// Blocks: as long as the callback does. It is called under the reader lock: it may ask further questions, and has to
+// come back soon.
+void ip_get_each_group(uint32_t iod, uint32_t (*callback)(uint32_t group, uint32_t group_data, uint32_t arg),
+                       uint32_t arg);
+
+// How this system shares load among equal-cost paths.
+typedef struct ip_ecmp_loadshare_status {
+  uint32_t mode;
+  uint32_t value;  // host order
+} ip_ecmp_loadshare_status;
+static_assert(sizeof(ip_ecmp_loadshare_status) == 8, "");
+static_assert(offsetof(ip_ecmp_loadshare_status, value) == 4, "");
+
+//   result  out; not null
+// Results: 1: *result is filled in. 0, *result untouched: not attached (logged as IP_INTERNAL_ERROR), no database.
+uint32_t ip_get_ecmp_loadshare_status(ip_ecmp_loadshare_status *result);
+
+// Multicast packets and bytes of the interface, by the counters that the IP process keeps (struct ip_if_stats).
+//   c1 .. c5, b1, b2  out; a null one is left out
+// Results: 1: all that are not null are filled in. 0, nothing written: iod 0, no IP state, no statistics.
+uint32_t ip_get_mcast_pkt_stats_orig(uint32_t iod, uint32_t *c1, uint32_t *c2, uint32_t *c3, uint32_t *c4,
+                                     uint32_t *c5);
+uint32_t ip_get_mcast_byte_stats_orig(uint32_t iod, uint64_t *b1, uint64_t *b2);
+
+// Nothing: they read and write nothing, whatever the interface; kept for their callers. Results: 0.
+uint32_t ip_get_mcast_pkt_stats(uint32_t iod, uint32_t *c1, uint32_t *c2, uint32_t *c3, uint32_t *c4, uint32_t *c5);
+uint32_t ip_get_mcast_byte_stats(uint32_t iod, uint64_t *b1, uint64_t *b2);
+
+// ------------------------------------------------------------------------------------------ addresses, masks, prefixes
+
+// All of them: Threads: any. No state, no attachment needed. Mask lengths are 0 .. 32; above that the answer has no
+// use.
+
+// The mask of a length: 24 is 0xffffff00, 0 is 0.
+uint32_t ip_bits2mask(uint8_t len);
+
+// The inverse mask of a length: 24 is 0x000000ff. 0 is 0, not all ones: callers rely on it.
+uint32_t ip_wildcard_mask(uint8_t len);
+
+// The length of a mask, from its lowest one bit: 0xff00ff00 gives 24 like 0xffffff00. 0 gives 0.
+uint8_t ip_mask2bits(uint32_t mask);
+
+// Number of leading octets that the mask touches, 1 .. 4; a mask of 0 gives 1.
+uint32_t ip_bytesinmask(uint32_t mask);
+
+// The classful mask of an address; 0 for classes D and E.
+uint32_t ip_natural_mask(uint32_t addr);
+
+// Is this no acceptable route prefix: 127/8, 255.255.255.255, or 0/8 without 0.0.0.0 itself (the default route)?
+uint32_t ip_prefix_martian(uint32_t addr);
+
+// Is this no acceptable host address: 0/8 with 0.0.0.0, or what ip_prefix_martian() refuses?
+uint32_t ip_address_martian(uint32_t addr);
+
+// Is the host part under the mask all zeros (the old broadcast, and the network) or all ones, or is it 255.255.255.255?
+// Under a mask of all ones every address is.
+uint32_t ip_is_addr_broadcast(uint32_t addr, uint32_t mask);
+
+// Is the address in 224.0.0.0/4?
+uint32_t ip_is_addr_multicast(uint32_t addr);
+
+// Are the mask's one bits contiguous from the top? True for 0 and for all ones.
+uint32_t ip_is_mask_contiguous(uint32_t mask);
+
+// The directed broadcast address of the subnet; 0 for addr 0.
+uint32_t ip_get_broadcast_address(uint32_t addr, uint8_t len);
+
+// Does the address lie in the prefix? Bits of `prefix` beyond `len` do not count; length 0 holds every address.
+uint32_t ip_is_addr_in_prefix(uint32_t addr, uint32_t prefix, uint8_t len);
+
+// The Ethernet address of a multicast group: 01-00-5e and the low 23 bits (RFC 1112). `group` is not checked.
+//   mac  6 bytes, written
+void ip_get_mac_multicast(uint32_t group, uint8_t *mac);
+
+// Are both fields equal?
+uint32_t ip_match_prefix(const ip_prefixtype *a, const ip_prefixtype *b);
+
+// Copies both fields: source first, destination second.
+void ip_copy_prefix(const ip_prefixtype *src, ip_prefixtype *dst);
+
+// Is the address that of a syslog server? Results: 0, always; kept for its callers.
+uint32_t ip_is_syslog_svr_address(uint32_t addr);
+
+// -------------------------------------------------------------------------------------------------- addresses as text
+
+// Eight slots, used in turn: eight results of ip_print_addr() and ip_print_prefix() are valid at a time, the ninth call
+// overwrites the first. The next slot is ip_address_string_next & 7.
+// Threads: any, but two that format at once may get the same slot.
+extern char ip_address_string[8][20];
+extern int32_t ip_address_string_next;
+
+// Dotted text of an address, "10.1.2.3". Owns: the result is a slot, see above.
+char *ip_print_addr(uint32_t addr);
+
+// Dotted text and length, "10.1.0.0/16".
+char *ip_print_prefix(const ip_prefixtype *p);
+
+// Dotted text of an address in network order, as it lies in a packet. It stands in for the C library's function in
+// every program that links this library, so it takes the same bytes. A source that includes <arpa/inet.h> as well
+// defines LIBIP_NO_INET_NTOA: the C library's declaration then serves for both. Threads: any, but there is one buffer:
+// each call overwrites the result of the last.
+#ifndef LIBIP_NO_INET_NTOA
+char *inet_ntoa(uint32_t addr_net);
+#endif
+
+// ------------------------------------------------------------------------------------------------- state of the
+// process
+
+// Written by start and stop, read by anybody; a client does not write them.
+extern void *ip_shseg;                         // handle of the segment; null: not attached
+extern void *ip_api_data;                      // root record, struct ip_root; null: not attached
+extern void *ip_api_mpib;                      // second part of the root record
+extern void *ip_api_contexts_queue;            // head of the context list, the root record
+extern uint32_t ip_api_attached;               // 1 between start and stop
+extern uint32_t ip_api_refcnt;                 // starts that were not matched by a stop
+extern uint32_t ip_api_dep_modules_init_done;  // 1 once the URIB client is up
+extern uint32_t g_ip_fwd_enabled_spl_ifidx;    // the special interface, and its iod once it was looked up
+extern uint32_t g_ip_fwd_enabled_spl_iod;
+extern void *addr_ip_shseg, *addr_ip_api_data, *addr_ip_api_mpib;  // copies that a core dump still has after a stop
+
+// Set by the IP process, before it starts the library, and by nobody else: no lock is taken in its queries.
+extern uint32_t ip_is_server_flag;
+
+// --------------------------------------------------------------------------------------------------------- diagnostics
+
+// The error text; see ip_api_get_error().
+extern char ip_api_err_log[256];
+
+// Debug lines: a client sets the word to nonzero, and the functions named after it say what they do.
+extern uint32_t dbg_ip_register, dbg_ip_deregister, dbg_ip_cl_output, dbg_ip_cl_icmp_output, dbg_ip_cl_input,
+    dbg_cl_input, dbg_ip_cl_consume, dbg_api_init, dbg_ip_api_misc, dbg_ip_icmp_error, dbg_get_message_queue,
+    dbg_msg_set_notify, dbg_cl_mts_open, dbg_cl_mts_send, dbg_in_cksum;
+// The last debug line.
+extern char dbg_str[500];
+
+// The message catalogue: syslog_msg_IP_<name> and msg_error_IP_<name> for each row of ip_messages.h, the component and
+// the facility they belong to. The log collector reads them, and so may a program that names a message of its own.
+extern struct msg_component_rec msg_component_IP;
+extern struct syslog_fac_rec syslog_fac_LOG_IP;
+#define IP_DECLARE_MESSAGE(name, severity, rate, traceback, text) \
+  extern struct syslog_msg_rec syslog_msg_IP_##name;              \
+  extern struct msg_error_rec msg_error_IP_##name;
+IP_MESSAGES(IP_DECLARE_MESSAGE)
+#undef IP_DECLARE_MESSAGE
+
+// ------------------------------------------------------------------------------------------------------- memory types
+
+// What memory is taken for. IP_MEM_MAX and IP_SM_MEM_MAX are the numbers of registered types.
+#define IP_DECLARE_TYPE(value, name) IP_MEM_##name = (value),
+typedef enum ip_mem_type_t { IP_MEMORY_TYPES(IP_DECLARE_TYPE) } ip_mem_type_t;
+#undef IP_DECLARE_TYPE
+#define IP_DECLARE_TYPE(value, name) IP_SM_MEM_##name = (value),
+typedef enum ip_sm_mem_type_t { IP_SHARED_MEMORY_TYPES(IP_DECLARE_TYPE) } ip_sm_mem_type_t;
+#undef IP_DECLARE_TYPE
+
+// The name of a type, as the memory tracker shows it. Threads: any. Results: static text; null: no such value.
+const char *__ip_mem_type_t_find(uint32_t value);
+const char *__ip_sm_mem_type_t_find(uint32_t value);
+
+// The value of a name, in any letter case. Threads: any. Results: the value; 0: no such name, or the name of type 0.
+uint32_t __ip_mem_type_t_str2enum(const char *name);
+uint32_t __ip_sm_mem_type_t_str2enum(const char *name);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+#endif

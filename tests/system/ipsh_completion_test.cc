@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+// Bash completion as bash runs it: the script is sourced, the line is put where bash puts it, and the function is
+// called.
+#include <gtest/gtest.h>
+
+#include "ipsh_fixture.h"
+#include "support/process.h"
+
+namespace ipsh_test {
+namespace {
+
+// Words of the line after "ipsh", the last one under the cursor. The candidates, sorted, each followed by a blank.
+std::string completions(const std::vector<std::string> &words) {
+  std::vector<std::string> argv{"bash",
+                                "--norc",
+                                "-c",
+                                "source " IPSH_COMPLETION
+                                "; complete -p ipsh >/dev/null || exit 9; COMP_WORDS=(\"$@\"); "
+                                "COMP_CWORD=$(($# - 1)); _ipsh; printf '%s ' \"${COMPREPLY[@]}\"",
+                                "bash",
+                                IPSH};
+  argv.insert(argv.end(), words.begin(), words.end());
+  std::string output;
+  EXPECT_EQ(test_support::run(argv, &output), 0) << output;
+  return output;
+}
+
+TEST_F(IpshWithoutIpd, CompletionOffersTheCommandsOfALevel) {
+  EXPECT_EQ(completions({""}), "query show system watch ");
+  EXPECT_EQ(completions({"s"}), "show system ");
+  EXPECT_EQ(completions({"show", ""}), "addresses clients contexts interfaces memory system ");
+  EXPECT_EQ(completions({"system", ""}), "active standby ");
+}
+
+TEST_F(IpshWithoutIpd, CompletionOffersQueriesByName) {
+  EXPECT_EQ(completions({"query", "ip_print_"}), "ip_print_addr ip_print_prefix ");
+  EXPECT_EQ(completions({"query", "nothing"}), " ");
+}
+
+TEST_F(IpshWithoutIpd, CompletionOffersEachOptionOnce) {
+  EXPECT_EQ(completions({"query", "ip_get_local_mask_len", "--"}), "--addr --help --iod --json --run-dir ");
+  EXPECT_EQ(completions({"query", "ip_get_local_mask_len", "--addr", "10.0.0.1", "--json", "--"}),
+            "--help --iod --run-dir ");
+  EXPECT_EQ(completions({"watch", "--c"}), "--count ");
+}
+
+TEST_F(IpshWithSystem, CompletionOffersTheNamesOfTheRunningSystem) {
+  EXPECT_EQ(completions({"query", "ip_get_mtu", "--iod", ""}), "eth0 eth1 lo tun0 ");
+  EXPECT_EQ(completions({"query", "ip_get_mtu", "--iod", "e"}), "eth0 eth1 ");
+  EXPECT_EQ(completions({"show", "addresses", "--context", ""}), "default red ");
+  EXPECT_EQ(completions({"show", "addresses", "--context", "=", "r"}), "red ");
+  const std::string path = run_directory_.path();
+  unsetenv("RSW_RUN_DIR");
+  EXPECT_EQ(completions({"--run-dir", path, "show", "interfaces", "--interface", "l"}), "lo ");
+}
+
+TEST_F(IpshWithoutIpd, CompletionOfNamesWithoutASystemOffersNothing) {
+  EXPECT_EQ(completions({"query", "ip_get_mtu", "--iod", ""}), " ");
+}
+
+}  // namespace
+}  // namespace ipsh_test

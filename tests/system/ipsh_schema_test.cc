@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+// Everything that ipsh prints with --json keeps to the schema of its kind.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "ipsh_fixture.h"
+#include "support/process.h"
+
+namespace ipsh_test {
+namespace {
+
+// What the checker says of these lines; empty: all valid.
+std::string problems(const std::string &directory, const std::string &lines) {
+  const std::string file = directory + "/checked.json";
+  std::ofstream(file) << lines;
+  std::string output;
+  const int status = test_support::run(
+      {"/bin/sh", "-c", "exec " IPSH_PYTHON " -W ignore " IPSH_SCHEMA_CHECK " " IPSH_SCHEMA_DIRECTORY " <\"$1\"", "sh",
+       file},
+      &output);
+  std::remove(file.c_str());
+  return status == 0 ? "" : output + "(status " + std::to_string(status) + ")";
+}
+
+TEST_F(IpshWithSystem, EveryListingAndAnswerIsValid) {
+  std::string printed;
+  for (const char *line :
+       {"show contexts", "show interfaces", "show addresses", "show memory", "show clients", "show system",
+        "system active", "query --list", "query ip_get_api_context --context-id 1",
+        "query ip_get_api_context --context-id 99", "query ip_get_api_context_name --context-id 99",
+        "query ip_get_iod_for_local_address --name blue --addr 10.0.0.1", "query ip_get_next_secondary --iod eth0",
+        "query ip_get_mac_multicast --group 224.0.0.5", "query ip_print_addr --addr 10.0.0.1",
+        "query ip_bits2mask --len 32", "query ip_bits2mask --len 33", "show everything", "watch --timeout 0.1"}) {
+    std::vector<std::string> words = words_of(line);
+    words.emplace_back("--json");
+    const Outcome outcome = ipsh(words);
+    EXPECT_NE(outcome.out, "") << line;
+    printed += outcome.out;
+  }
+  EXPECT_EQ(problems(run_directory_.path(), printed), "") << printed;
+}
+
+TEST_F(IpshWithoutIpd, AFailureIsValid) {
+  EXPECT_EQ(problems(run_directory_.path(), ipsh({"show", "contexts", "--json"}).out), "");
+}
+
+TEST_F(IpshWithSystem, EventsOfAllKindsAreValid) {
+  test_support::Process watch({IPSH, "watch", "--json", "--timeout", "20", "--count", "7"});
+  ASSERT_TRUE(test_support::wait_until([&] { return watch.output().find("watch-start") != std::string::npos; }));
+  publisher_.reset();
+  publisher_ = publish_test_system();
+  ASSERT_NE(publisher_, nullptr);
+  ASSERT_TRUE(publisher_->set_address(2, {.addr = 0x0a000009, .mask_len = 24, .secondary = true, .scope = 0}));
+  ASSERT_TRUE(publisher_->set_context({.id = 5, .name = "blue", .table_id = 105, .router_id = 0}));
+  ASSERT_TRUE(publisher_->commit());
+  ASSERT_TRUE(publisher_->remove_interface(3));
+  ASSERT_TRUE(publisher_->remove_context(2));
+  ASSERT_TRUE(publisher_->commit());
+  EXPECT_EQ(watch.wait(), 0) << watch.output();
+  EXPECT_EQ(problems(run_directory_.path(), watch.output()), "") << watch.output();
+}
+
+TEST_F(IpshWithoutIpd, TheCheckerRefusesWhatTheSchemasDoNotSay) {
+  const std::string directory = run_directory_.path();
+  EXPECT_EQ(problems(directory, R"({"version":1,"kind":"supervisor","supervisor":"active"})"), "");
+  EXPECT_NE(problems(directory, R"({"version":2,"kind":"supervisor","supervisor":"active"})"), "");
+  EXPECT_NE(problems(directory, R"({"version":1,"kind":"supervisor","supervisor":"asleep"})"), "");
+  EXPECT_NE(problems(directory, R"({"version":1,"kind":"supervisor"})"), "");
+  EXPECT_NE(problems(directory, R"({"version":1,"kind":"supervisor","supervisor":"active","more":1})"), "");
+  EXPECT_NE(problems(directory, R"({"version":1,"kind":"contexts","contexts":[{"id":1}]})"), "");
+  EXPECT_NE(problems(directory,
+                     R"({"version":1,"kind":"event","event":"added","object":"ipd","now":{"pid":1},"before":null})"),
+            "");
+  EXPECT_NE(problems(directory, ""), "");
+}
+
+}  // namespace
+}  // namespace ipsh_test
