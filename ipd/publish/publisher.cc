@@ -35,7 +35,16 @@ namespace ipd {
 
 std::unique_ptr<Publisher> Publisher::open(std::string *reason, std::chrono::milliseconds quarantine) {
   auto epochs = rsw::Epochs::open(reason);
-  if (epochs == nullptr) return nullptr;
+  return epochs == nullptr ? nullptr : SegmentPublisher::open(*epochs, std::move(epochs), reason, quarantine);
+}
+
+std::unique_ptr<Publisher> Publisher::open(rsw::Epochs &epochs, std::string *reason,
+                                           std::chrono::milliseconds quarantine) {
+  return SegmentPublisher::open(epochs, nullptr, reason, quarantine);
+}
+
+std::unique_ptr<Publisher> SegmentPublisher::open(rsw::Epochs &epochs, std::unique_ptr<rsw::Epochs> own_epochs,
+                                                  std::string *reason, std::chrono::milliseconds quarantine) {
   auto segment = rsw::SegmentMap::create(rsw::segment_ip, reason);
   if (segment == nullptr) return nullptr;
   const uint32_t base = segment->header()->base;
@@ -43,18 +52,18 @@ std::unique_ptr<Publisher> Publisher::open(std::string *reason, std::chrono::mil
 
   std::vector<rsw::RecordTypeInfo> types(record_types.begin(), record_types.end());
   for (const rsw::RecordTypeInfo &type : rsw::pt_types(memory_local_address)) types.push_back(type);
-  auto arena = rsw::Arena::open(segment, *epochs, rsw::Domain::database, arena_offset, types,
+  auto arena = rsw::Arena::open(segment, epochs, rsw::Domain::database, arena_offset, types,
                                 rsw::ArenaLimits{.quarantine = quarantine}, reason);
   if (arena == nullptr) return nullptr;
-  auto interface_table = rsw::ImWriter::open(*epochs, reason);
+  auto interface_table = rsw::ImWriter::open(epochs, reason);
   if (interface_table == nullptr) return nullptr;
-  return std::make_unique<SegmentPublisher>(std::move(epochs), std::move(segment), std::move(arena),
+  return std::make_unique<SegmentPublisher>(std::move(own_epochs), std::move(segment), std::move(arena),
                                             std::move(interface_table));
 }
 
-SegmentPublisher::SegmentPublisher(std::unique_ptr<rsw::Epochs> epochs, std::shared_ptr<rsw::SegmentMap> segment,
+SegmentPublisher::SegmentPublisher(std::unique_ptr<rsw::Epochs> own_epochs, std::shared_ptr<rsw::SegmentMap> segment,
                                    std::unique_ptr<rsw::Arena> arena, std::unique_ptr<rsw::ImWriter> interface_table)
-    : epochs_(std::move(epochs)),
+    : own_epochs_(std::move(own_epochs)),
       segment_(std::move(segment)),
       arena_(std::move(arena)),
       interface_table_(std::move(interface_table)),

@@ -7,11 +7,16 @@
 #ifndef IPD_PUBLISH_PUBLISHER_H
 #define IPD_PUBLISH_PUBLISHER_H
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
+
+namespace rsw {
+class Epochs;
+}
 
 namespace ipd {
 
@@ -45,6 +50,20 @@ struct VipState {  // a virtual address that the configuration gives to an inter
   bool operator==(const VipState &) const = default;
 };
 
+struct GroupState {  // a multicast group that is joined on an interface
+  uint32_t group;    // host order
+  uint32_t data;     // handed on with the group
+  bool operator==(const GroupState &) const = default;
+};
+
+// The multicast counters of an interface, in the order of the arguments of ip_get_mcast_pkt_stats_orig and
+// ip_get_mcast_byte_stats_orig.
+struct MulticastCounters {
+  std::array<uint32_t, 5> packets;
+  std::array<uint64_t, 2> bytes;
+  bool operator==(const MulticastCounters &) const = default;
+};
+
 struct PublisherUse {  // for --simulate's report and ipsh show memory
   uint32_t contexts, interfaces, addresses;
   uint64_t segment_bytes;
@@ -55,6 +74,9 @@ class Publisher {
   // Takes the segments over when a previous ipd left them: context records keep their addresses, interfaces their iods.
   // `quarantine`: how long a record rests before it is used again.
   static std::unique_ptr<Publisher> open(std::string *reason,
+                                         std::chrono::milliseconds quarantine = std::chrono::milliseconds(1000));
+  // With the process's one Epochs, which other writers of the process use too; it outlives the publisher.
+  static std::unique_ptr<Publisher> open(rsw::Epochs &epochs, std::string *reason,
                                          std::chrono::milliseconds quarantine = std::chrono::milliseconds(1000));
   virtual ~Publisher() = default;
 

@@ -23,7 +23,10 @@ namespace ipd {
 
 class SegmentPublisher final : public Publisher {
  public:
-  SegmentPublisher(std::unique_ptr<rsw::Epochs> epochs, std::shared_ptr<rsw::SegmentMap> segment,
+  // `own_epochs`: null when `epochs` is the caller's.
+  static std::unique_ptr<Publisher> open(rsw::Epochs &epochs, std::unique_ptr<rsw::Epochs> own_epochs,
+                                         std::string *reason, std::chrono::milliseconds quarantine);
+  SegmentPublisher(std::unique_ptr<rsw::Epochs> own_epochs, std::shared_ptr<rsw::SegmentMap> segment,
                    std::unique_ptr<rsw::Arena> arena, std::unique_ptr<rsw::ImWriter> interface_table);
 
   bool set_context(const ContextState &context) override;
@@ -75,7 +78,7 @@ class SegmentPublisher final : public Publisher {
   void report_memory();
 
   // Declared in the order in which they stand on each other.
-  std::unique_ptr<rsw::Epochs> epochs_;
+  std::unique_ptr<rsw::Epochs> own_epochs_;
   std::shared_ptr<rsw::SegmentMap> segment_;
   std::unique_ptr<rsw::Arena> arena_;
   std::unique_ptr<rsw::ImWriter> interface_table_;
