@@ -34,8 +34,11 @@
 namespace ipd {
 
 std::unique_ptr<Publisher> Publisher::open(std::string *reason, std::chrono::milliseconds quarantine) {
-  auto epochs = rsw::Epochs::open(reason);
-  return epochs == nullptr ? nullptr : SegmentPublisher::open(*epochs, std::move(epochs), reason, quarantine);
+  auto own_epochs = rsw::Epochs::open(reason);
+  if (own_epochs == nullptr) return nullptr;
+  // A name of its own: arguments are evaluated in no particular order, and the move may come first.
+  rsw::Epochs &epochs = *own_epochs;
+  return SegmentPublisher::open(epochs, std::move(own_epochs), reason, quarantine);
 }
 
 std::unique_ptr<Publisher> Publisher::open(rsw::Epochs &epochs, std::string *reason,
