@@ -6,8 +6,8 @@
 // call that takes a route answers 0 for null. Addresses are in host order, lengths in bits, tables as
 // l3vm_if_get_table_id and the context records give them.
 //
-// On librsw nobody publishes routes yet: every call is there, and every lookup answers that there is no route, in every
-// table.
+// On librsw the routes stand in the segment "/rsw/shm/urib", which the IP process publishes. A process that opens URIB
+// before there is a segment finds no routes until there is, and then finds them without opening it again.
 //
 // For all calls, unless they say otherwise: Threads: any. Blocks: no. Owns: nothing.
 #ifndef RSW_URIB_H
@@ -36,7 +36,9 @@ RSW_OFFSET(struct urib_path, next_hop, 8);
 // route.
 uint32_t urib_api_init(void);
 
-// Closes it. A lock that a thread still holds can be released afterwards.
+// Closes it. A lock that a thread still holds can be released afterwards. Closing hands back what opening counted, not
+// the tables: questions are answered afterwards as before, since a library above is closed and opened again without
+// opening URIB a second time.
 void urib_api_close(void);
 
 // Take and release the read lock of the routes, which a thread may take again while it holds it. It is taken after the
@@ -54,12 +56,13 @@ void *urib_get_best_route(uint32_t table, uint32_t addr, uint32_t zero1, uint32_
 void *urib_get_best_direct_route(uint32_t table, uint32_t addr);
 
 // The route of exactly this prefix.
-//   addr, len     the prefix
+//   addr, len     the prefix; with bits of addr beyond len it is no route's
 // Otherwise as urib_get_best_route.
 void *urib_get_route(uint32_t table, uint32_t addr, uint32_t len);
 
-// The best route for a prefix in the view that multicast reverse-path checks use.
-//   addr, len     the prefix
+// The best route that covers a whole prefix, in the view that multicast reverse-path checks use: unicast routes and
+// static routes for multicast, one of which wins at equal length.
+//   addr, len     the prefix; bits of addr beyond len do not count
 // Otherwise as urib_get_best_route.
 void *urib_get_mbest_route_for_prefix(uint32_t table, uint32_t addr, uint32_t len, uint32_t zero1, uint32_t zero2);
 
@@ -87,7 +90,7 @@ uint32_t urib_route_mbnh_addr_get(void *route, uint32_t selector);
 // read lock itself.
 //   table, addr   the destination
 //   path          out: the path; cleared by the caller
-//   r1, r2        out: two words of the platform's; not null
+//   r1, r2        out, when resolved: the number of routes on the way, and the kind of the last; not null
 // Results: nonzero: resolved. 0: the destination is not reachable; *path is not to be used.
 uint32_t urib_get_path_v2(uint32_t table, uint32_t addr, uint32_t z1, uint32_t z2, uint32_t z3, struct urib_path *path,
                           uint32_t *r1, uint32_t *r2, uint32_t one);
