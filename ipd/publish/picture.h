@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "ipd/publish/publisher.h"
 #include "ipd/publish/records.h"
@@ -64,6 +65,11 @@ struct Address {
   ip_addrtype *record;
 };
 
+struct Group {
+  GroupState state;
+  ip_maddrtype *record;
+};
+
 struct Interface {
   InterfaceState state;
   Context *context;
@@ -75,6 +81,10 @@ struct Interface {
   std::map<uint64_t, Address *> list;     // by place: the order of the shared list
   std::map<uint64_t, Claim> claims;       // by prefix_key
   std::set<uint32_t> vips;
+  std::vector<Group> groups;    // in the order of the shared list
+  StatisticsBlock *statistics;  // null: none
+  MulticastCounters counters;   // what the block says
+  uint32_t pim_asserts;
 
   uint32_t lender_ifindex;  // 0: the interface is numbered
   std::string lender_name;

@@ -23,7 +23,8 @@
 // the first commit swings each context's tree word and each interface's extension word to the new state, one after the
 // other. Only the interface table is kept up at once: it is the same table, an interface that is in it keeps its iod,
 // and the new iods are needed for the elements of the trees. Then the first commit removes the contexts and interfaces
-// that nobody set again, and lets go of all memory that it did not adopt, which is everything but the context records.
+// that nobody set again, and lets go of all memory that it did not adopt, which is everything but the context records
+// and the statistics blocks: counters go on from where they stood (publisher_multicast.cc).
 //
 // The publisher's destructor touches nothing: a stopped ipd leaves its state for its clients, as a killed one does.
 #include "ipd/publish/publisher.h"
@@ -72,7 +73,10 @@ SegmentPublisher::SegmentPublisher(std::unique_ptr<rsw::Epochs> own_epochs, std:
       interface_table_(std::move(interface_table)),
       root_(reinterpret_cast<ip_root *>(static_cast<uintptr_t>(segment_->header()->base + root_offset))),
       context_list_(root_) {
-  if (segment_->took_over()) context_list_.adopt(*arena_);
+  if (segment_->took_over()) {
+    context_list_.adopt(*arena_);
+    inherit_counters();
+  }
   // Release: whoever finds the root through the header finds it initialised; partner: the load in sm_open.
   store_shared(segment_->header()->root, segment_->header()->base + root_offset);
 }
@@ -101,6 +105,7 @@ bool SegmentPublisher::commit() {
     // The interface table first: who finds the database finds the table as well.
     if (!interface_table_->publish_name(&reason)) return refuse("interface table: ", reason);
     if (!segment_->publish_name(&reason)) return refuse("database: ", reason);
+    forget_inherited();
     arena_->retire_unadopted();
     live_ = true;
     changed_ = true;
@@ -124,6 +129,7 @@ void SegmentPublisher::first_commit() {
     arena_->retire(context_record, record);
   }
   for (auto &[id, context] : contexts_) commit_context(context);
+  publish_load_share();
 
   for (auto &[ifindex, interface] : interfaces_) {
     interface_table_->set_extension(interface.iod, IP_COMPONENT, interface.record);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// From ipd's picture of the system to the shared segments: contexts, interfaces, addresses, local-address trees.
+// From ipd's picture of the system to the shared segments: contexts, interfaces, addresses, local-address trees, groups
+// and counters.
 //
 // The caller says what is, in any order that keeps "an address needs its interface, an interface its context"; the
 // publisher writes only what changed, each record by one store, and commit() makes readers aware. No netlink, no
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -87,13 +89,21 @@ class Publisher {
   virtual bool set_context(const ContextState &context) = 0;
   virtual bool remove_context(uint32_t id) = 0;                     // refused while interfaces are in it
   virtual bool set_interface(const InterfaceState &interface) = 0;  // moves between contexts with its addresses
-  virtual bool remove_interface(uint32_t ifindex) = 0;              // with its addresses, VIPs and unnumbered state
+  virtual bool remove_interface(uint32_t ifindex) = 0;              // with all that it has: addresses, groups, counters
   virtual bool set_address(uint32_t ifindex, const AddressState &address) = 0;
   virtual bool remove_address(uint32_t ifindex, uint32_t addr, uint8_t mask_len) = 0;
   virtual bool set_vip(const VipState &vip) = 0;
   virtual bool remove_vip(const VipState &vip) = 0;
   // The interface borrows the address of `source_ifindex`, named `source_name`; source_ifindex 0 ends it.
   virtual bool set_unnumbered(uint32_t ifindex, uint32_t source_ifindex, const std::string &source_name) = 0;
+  // These groups, in this order, are all that are joined on the interface. A reader walks the old list or the new one.
+  virtual bool set_groups(uint32_t ifindex, const std::vector<GroupState> &groups) = 0;
+  // Counters change in place and wake no reader that waits for news. An interface has a statistics block from the first
+  // call on.
+  virtual bool set_multicast_counters(uint32_t ifindex, const MulticastCounters &counters) = 0;
+  virtual bool set_pim_asserts(uint32_t ifindex, uint32_t count) = 0;
+  // How equal-cost paths share the load, on the whole box. `value` is in host order here.
+  virtual bool set_load_share(uint8_t mode, uint32_t value) = 0;
 
   // The first commit gives the segments their names and, after a take-over, lets go of what the previous ipd left: call
   // it when the picture is whole. Each commit recomputes the router ids that its changes touched.
@@ -102,6 +112,10 @@ class Publisher {
   virtual void tick(std::chrono::steady_clock::time_point now) = 0;
 
   [[nodiscard]] virtual uint32_t iod(uint32_t ifindex) const = 0;  // 0: unknown
+  // What is published, by this publisher or, after a take-over and until it was set again, by the previous one:
+  // counters whose past nobody else knows go on from there. 0 and nothing: unknown interface, or none published.
+  [[nodiscard]] virtual uint32_t pim_asserts(uint32_t ifindex) const = 0;
+  [[nodiscard]] virtual std::optional<MulticastCounters> multicast_counters(uint32_t ifindex) const = 0;
   [[nodiscard]] virtual const std::string &last_error() const = 0;
   [[nodiscard]] virtual PublisherUse use() const = 0;
 };

@@ -40,6 +40,7 @@ bool SegmentPublisher::add_interface(const InterfaceState &state, Context &conte
   interface.iod = iod;
   interface.record = record;
   context.interfaces.insert(state.ifindex);
+  take_inherited(interface);
   fill_record(interface, *record);
   if (live_) {
     interface_table_->set_extension(iod, IP_COMPONENT, record);
@@ -121,6 +122,8 @@ bool SegmentPublisher::remove_interface(uint32_t ifindex) {
   for (auto &[key, address] : interface->addresses) arena_->retire(address_record, address.record);
   address_count_ -= static_cast<uint32_t>(interface->addresses.size());
   if (interface->lender_record != nullptr) arena_->retire(lender_record, interface->lender_record);
+  for (const Group &group : interface->groups) arena_->retire(group_record, group.record);
+  if (interface->statistics != nullptr) arena_->retire(statistics_record, interface->statistics);
   arena_->retire(interface_record, interface->record);
   context.interfaces.erase(ifindex);
   router_ids_due_.insert(&context);
@@ -187,6 +190,9 @@ void SegmentPublisher::fill_record(const Interface &interface, ip_iftype &record
   record.unnum_data = reinterpret_cast<ip_unnumbered *>(interface.lender_record);
   record.directed_bcast = interface.state.directed_broadcast ? 1 : 0;
   record.mcast_enabled = interface.state.multicast ? 1 : 0;
+  record.group_list = interface.groups.empty() ? nullptr : interface.groups.front().record;
+  record.pim_assert_sent = interface.pim_asserts;
+  record.stats = reinterpret_cast<uint8_t *>(interface.statistics);
   record.vaddr_count = static_cast<uint32_t>(interface.vips.size());
   record.fwd_enabled = interface.state.forwarding ? 1 : 0;
 }
@@ -195,9 +201,6 @@ void SegmentPublisher::fill_record(const Interface &interface, ip_iftype &record
 void SegmentPublisher::swing_record(Interface &interface, ip_iftype *fresh) {
   ip_iftype *old = interface.record;
   fill_record(interface, *fresh);
-  fresh->group_list = old->group_list.get();
-  fresh->pim_assert_sent = old->pim_assert_sent;
-  fresh->stats = old->stats.get();
   interface.record = fresh;
   if (interface.published) {
     interface_table_->set_extension(interface.iod, IP_COMPONENT, fresh);

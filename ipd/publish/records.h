@@ -52,6 +52,17 @@ struct LenderName {
 };
 static_assert(sizeof(LenderName) == 40);
 
+// The statistics block of an interface, up to the last word that the database knows of. It begins at a multiple of 8,
+// as its record type says, and so do its 64-bit counters.
+struct StatisticsBlock {
+  ip_if_stats counters;
+  uint32_t reserved700;
+};
+static_assert(sizeof(StatisticsBlock) == 704);
+static_assert(offsetof(StatisticsBlock, counters) == 0);
+static_assert(offsetof(ip_if_stats, mcast_bytes1) % 8 == 0 && offsetof(ip_if_stats, mcast_bytes2) % 8 == 0,
+              "a 64-bit counter is stored by one store");
+
 inline constexpr rsw::RecordType context_record = 1;
 inline constexpr rsw::RecordType interface_record = 2;
 inline constexpr rsw::RecordType address_record = 3;
@@ -60,6 +71,8 @@ inline constexpr rsw::RecordType info_record = 5;
 inline constexpr rsw::RecordType iod_record = 6;
 inline constexpr rsw::RecordType lender_record = 7;
 inline constexpr rsw::RecordType subnet_record = 8;
+inline constexpr rsw::RecordType group_record = 9;
+inline constexpr rsw::RecordType statistics_record = 10;
 
 // Nodes of addresses, which are asked for all the time, do not share cache lines with those of subnets, which are not.
 constexpr rsw::RecordType prefix_record(uint8_t len) {
@@ -68,6 +81,8 @@ constexpr rsw::RecordType prefix_record(uint8_t len) {
 
 // Numbers of the shared memory types of the IP component, as the library registers their names.
 inline constexpr uint32_t memory_context = 1;
+inline constexpr uint32_t memory_group = 2;
+inline constexpr uint32_t memory_component_data = 3;
 inline constexpr uint32_t memory_iod = 4;
 inline constexpr uint32_t memory_address = 5;
 inline constexpr uint32_t memory_interface = 6;
@@ -75,7 +90,7 @@ inline constexpr uint32_t memory_unnumbered = 8;
 inline constexpr uint32_t memory_local_address = 9;
 inline constexpr uint32_t memory_types = 11;
 
-inline constexpr std::array<rsw::RecordTypeInfo, 8> record_types{{
+inline constexpr std::array<rsw::RecordTypeInfo, 10> record_types{{
     {context_record, 64, 64, memory_context, "context"},
     {interface_record, sizeof(ip_iftype), 8, memory_interface, "interface"},
     {address_record, 16, 16, memory_address, "address"},
@@ -84,14 +99,25 @@ inline constexpr std::array<rsw::RecordTypeInfo, 8> record_types{{
     {info_record, sizeof(PrefixInfo), 16, memory_local_address, "local prefix info"},
     {iod_record, sizeof(IodElement), 8, memory_iod, "iod element"},
     {lender_record, sizeof(LenderName), 8, memory_unnumbered, "lender name"},
+    {group_record, 16, 16, memory_group, "multicast group"},
+    {statistics_record, sizeof(StatisticsBlock), 64, memory_component_data, "interface statistics"},
 }};
 static_assert(sizeof(ip_api_context_type) <= 64);
 static_assert(sizeof(ip_addrtype) <= 16);
+static_assert(sizeof(ip_maddrtype) <= 16);
 
 // Changes a number that readers may be looking at. Release, so that a reader that acts on the new value finds all that
 // was stored before it; the partners are the readers' loads of the word.
 inline void store_shared(uint32_t &word, uint32_t value) {
   __atomic_store_n(&word, value, __ATOMIC_RELEASE);
+}
+
+// The same for two neighbouring words that change together; the first is at a multiple of 8. One store of 64 bits in
+// either width, so that a reader of both never finds halves of two values; the partners are the readers' loads of the
+// one word and the other.
+inline void store_shared_pair(void *words, uint64_t value) {
+  using Pair = uint64_t __attribute__((may_alias, aligned(8)));
+  __atomic_store_n(static_cast<Pair *>(words), value, __ATOMIC_RELEASE);
 }
 
 }  // namespace ipd

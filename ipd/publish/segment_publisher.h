@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The publisher over the segments "/rsw/shm/ip" and "/rsw/shm/im". Its setters are spread over publisher_contexts.cc,
-// publisher_interfaces.cc and publisher_addresses.cc; opening, taking over and committing stand in publisher.cc.
+// publisher_interfaces.cc, publisher_addresses.cc and publisher_multicast.cc; opening, taking over and committing stand
+// in publisher.cc.
 #ifndef IPD_PUBLISH_SEGMENT_PUBLISHER_H
 #define IPD_PUBLISH_SEGMENT_PUBLISHER_H
 
@@ -38,9 +39,15 @@ class SegmentPublisher final : public Publisher {
   bool set_vip(const VipState &vip) override;
   bool remove_vip(const VipState &vip) override;
   bool set_unnumbered(uint32_t ifindex, uint32_t source_ifindex, const std::string &source_name) override;
+  bool set_groups(uint32_t ifindex, const std::vector<GroupState> &groups) override;
+  bool set_multicast_counters(uint32_t ifindex, const MulticastCounters &counters) override;
+  bool set_pim_asserts(uint32_t ifindex, uint32_t count) override;
+  bool set_load_share(uint8_t mode, uint32_t value) override;
   bool commit() override;
   void tick(std::chrono::steady_clock::time_point now) override;
   [[nodiscard]] uint32_t iod(uint32_t ifindex) const override;
+  [[nodiscard]] uint32_t pim_asserts(uint32_t ifindex) const override;
+  [[nodiscard]] std::optional<MulticastCounters> multicast_counters(uint32_t ifindex) const override;
   [[nodiscard]] const std::string &last_error() const override { return error_; }
   [[nodiscard]] PublisherUse use() const override;
 
@@ -72,6 +79,17 @@ class SegmentPublisher final : public Publisher {
 
   bool change_address(Interface &interface, Address &address, const AddressState &state);
 
+  // Of an interface of the previous ipd: what it counted, and its record, which readers see until the first commit.
+  struct Inherited {
+    ip_iftype *record;
+    StatisticsBlock *statistics;  // null: none, or the new interface's now
+    uint32_t pim_asserts;
+  };
+  void inherit_counters();
+  void take_inherited(Interface &interface);
+  void forget_inherited();
+  void publish_load_share();
+
   void first_commit();
   void commit_context(Context &context);
   void choose_router_id(Context &context);
@@ -90,6 +108,9 @@ class SegmentPublisher final : public Publisher {
   std::unordered_map<uint32_t, Interface> interfaces_;          // by ifindex
   std::unordered_map<uint32_t, std::set<uint32_t>> borrowers_;  // ifindexes, by ifindex of the lender
   std::set<Context *> router_ids_due_;
+  std::unordered_map<uint32_t, Inherited> inherited_;  // by ifindex; empty after the first commit
+  uint8_t load_share_mode_ = 0;
+  uint32_t load_share_value_ = 0;  // host order
   uint64_t arrivals_ = 0;
   uint32_t address_count_ = 0;
   bool live_ = false;     // the first commit has been made: changes are visible at once

@@ -40,6 +40,17 @@ uint64_t read_counter(const ip_counter64 &counter) {
   return uint64_t{high} << 32 | low;
 }
 
+// Mode and value are one setting: the mode is read before and after the value, as the high word of a counter is.
+void read_load_share(const ip_root &root, ip_ecmp_loadshare_status &result) {
+  for (int reads = 0; reads < most_reads; reads++) {
+    // Acquire, both: as above. The partner is the IP process's one store of mode and value.
+    const uint8_t mode = __atomic_load_n(&root.ecmp_loadshare_mode, __ATOMIC_ACQUIRE);
+    result.mode = mode;
+    result.value = swapped(__atomic_load_n(&root.ecmp_loadshare_value, __ATOMIC_ACQUIRE));
+    if (read_byte(root.ecmp_loadshare_mode) == mode) return;
+  }
+}
+
 // Stores a counter for a caller who wants it.
 void hand_out(uint32_t *wanted, const uint32_t &counter) {
   if (wanted != nullptr) *wanted = read_word(counter);
@@ -98,9 +109,7 @@ uint32_t ip_get_ecmp_loadshare_status(ip_ecmp_loadshare_status *result) {
   }
   if (ip_api_data == nullptr) return 0;
   const ReadGuard guard;
-  const auto *root = static_cast<const ip_root *>(ip_api_data);
-  result->mode = read_byte(root->ecmp_loadshare_mode);
-  result->value = swapped(read_word(root->ecmp_loadshare_value));
+  read_load_share(*static_cast<const ip_root *>(ip_api_data), *result);
   return 1;
 }
 

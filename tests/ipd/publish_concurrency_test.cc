@@ -31,6 +31,19 @@ constexpr uint32_t flipping = ip(10, 8, 0, 1);     // on interface 2 or nowhere
 constexpr uint32_t stop_word = ip(10, 9, 0, 1);    // there when the readers may stop
 constexpr uint32_t never = ip(10, 99, 0, 1);
 
+constexpr uint32_t permanent_group = ip(224, 0, 0, 1);  // on interface 2, always, between others or alone
+constexpr uint32_t least_data = 77;                     // of each group; what is added is the group's last byte
+
+// Counters that say of each other what they must be: a torn one would not fit any number.
+ipd::MulticastCounters counters(uint32_t number) {
+  return {.packets = {number, number + 1, number + 2, number + 3, number + 4},
+          .bytes = {uint64_t{number} << 32 | (number ^ 0xffffffffu), uint64_t{number ^ 0xffffffffu} << 32 | number}};
+}
+
+bool torn(uint64_t bytes) {
+  return static_cast<uint32_t>(bytes >> 32) != (static_cast<uint32_t>(bytes) ^ 0xffffffffu);
+}
+
 struct Iods {
   uint32_t port2, port3, port4, port5;
 };
@@ -83,6 +96,25 @@ const char *ask(const Iods &iods) {
   if (ip_is_multicast_enabled(iods.port2) != 1) return "multicast";
   if (!is(ip_is_iod_unnumbered(iods.port4), {0, 1})) return "unnumbered";
   if (!is(table_of_context(7), {1007, 2007})) return "table of context 7";
+  const std::vector<ipd::GroupState> groups = groups_of(iods.port2);
+  uint32_t permanent_ones = 0;
+  for (const ipd::GroupState &group : groups) {
+    if (group.data != least_data + (group.group & 0xff)) return "a group with the data of another";
+    if (group.group == permanent_group) ++permanent_ones;
+  }
+  if (permanent_ones != 1) return "the permanent group";
+  // Every list that was ever set is ascending: what is not was put together from two.
+  for (size_t i = 1; i < groups.size(); ++i) {
+    if (groups[i].group <= groups[i - 1].group) return "a list of groups that never was";
+  }
+  const auto counted = counters_of(iods.port2);
+  if (!counted || torn(counted->bytes[0]) || torn(counted->bytes[1])) return "a torn counter";
+  const auto [p1, p2, p3, p4, p5] = counted->packets;
+  if (p1 > p2 || p2 > p3 || p3 > p4 || p4 > p5) return "a packet counter that never was";
+  ip_ecmp_loadshare_status load_share{};
+  if (ip_get_ecmp_loadshare_status(&load_share) != 1 || load_share.value != load_share.mode * 1000u) {
+    return "a load-share setting that never was";
+  }
   uint32_t vip = 0;
   if (ip_get_best_intf_vip(1, permanent, iods.port3, &vip) == 1 && vip != virtual_one) return "best virtual address";
   uint32_t addr = 0;
@@ -111,12 +143,14 @@ class Changes {
     publisher.set_address(3, primary(handed_over, 32));
     publisher.set_vip({.ifindex = 3, .addr = virtual_one});
     publisher.set_address(5, primary(travelling, 24));
+    publisher.set_groups(2, {group_state(0)});
+    publisher.set_multicast_counters(2, counters(0));
   }
 
   void one() {
     const bool add = random_.below(2) == 0;
     const uint32_t other = random_.below(3);
-    switch (random_.below(9)) {
+    switch (random_.below(12)) {
       case 0:
         change_address(2, primary(flipping, 24), add);
         break;
@@ -150,6 +184,17 @@ class Changes {
       case 7:
         publisher_.set_unnumbered(4, add ? 2 : 0, add ? "port2" : "");
         break;
+      case 8:
+        change_groups();
+        break;
+      case 9:  // only upwards, as counters do: a later one that is read later is never less
+        publisher_.set_multicast_counters(2, counters(++number_));
+        break;
+      case 10: {
+        const auto mode = static_cast<uint8_t>(1 + other);
+        publisher_.set_load_share(mode, mode * 1000u);
+        break;
+      }
       default:
         publisher_.set_context(
             {.id = 7, .name = add ? "blue" : "green", .table_id = add ? 1007u : 2007u, .router_id = 0});
@@ -165,6 +210,16 @@ class Changes {
   }
 
  private:
+  static ipd::GroupState group_state(uint32_t i) {
+    return {.group = permanent_group + i, .data = least_data + ((permanent_group + i) & 0xff)};
+  }
+  void change_groups() {
+    std::vector<ipd::GroupState> groups{group_state(0)};
+    for (uint32_t i = 1; i < 8; ++i) {
+      if (random_.below(2) == 0) groups.push_back(group_state(i));
+    }
+    publisher_.set_groups(2, groups);
+  }
   void change_address(uint32_t ifindex, const ipd::AddressState &state, bool add) {
     if (add) {
       publisher_.set_address(ifindex, state);
@@ -181,6 +236,7 @@ class Changes {
   ipd::Publisher &publisher_;
   uint32_t holder_ = 3;
   uint32_t vip_holder_ = 3;
+  uint32_t number_ = 0;
   unit::RandomWords random_;
 };
 

@@ -39,7 +39,7 @@ bool RandomChanges::one(ipd::Publisher &publisher, Twin &twin, bool may_refuse) 
     expected = change(after);
     done = change(publisher);
   };
-  const uint32_t kind = below(100);
+  const uint32_t kind = below(120);
   if (kind < 5) {
     const ipd::ContextState state{.id = id,
                                   .name = "context" + std::to_string(1 + below(contexts + 1)),
@@ -76,10 +76,26 @@ bool RandomChanges::one(ipd::Publisher &publisher, Twin &twin, bool may_refuse) 
     const ipd::VipState vip{.ifindex = ifindex, .addr = address()};
     const bool add = below(2) == 0;
     make([&](auto &to) { return add ? to.set_vip(vip) : to.remove_vip(vip); });
-  } else {
+  } else if (kind < 100) {
     const uint32_t lender = below(3) == 0 ? 0 : 1 + below(interfaces);
     const std::string name = lender == 0 ? "" : "port" + std::to_string(lender);
     make([&](auto &to) { return to.set_unnumbered(ifindex, lender, name); });
+  } else if (kind < 110) {
+    std::vector<ipd::GroupState> groups(below(5));
+    for (auto &group : groups) group = {.group = ip(224, 0, 0, 1) + below(6), .data = below(2)};
+    make([&](auto &to) { return to.set_groups(ifindex, groups); });
+  } else if (kind < 115) {
+    const uint32_t n = below(1000);
+    const ipd::MulticastCounters counters{.packets = {n, n + 1, n + 2, n + 3, n + 4},
+                                          .bytes = {uint64_t{n} << 30, uint64_t{n} << 31 | 5}};
+    make([&](auto &to) { return to.set_multicast_counters(ifindex, counters); });
+  } else if (kind < 118) {
+    const uint32_t count = below(1000);
+    make([&](auto &to) { return to.set_pim_asserts(ifindex, count); });
+  } else {
+    const auto mode = static_cast<uint8_t>(below(4));
+    const uint32_t value = below(1000);
+    make([&](auto &to) { return to.set_load_share(mode, value); });
   }
   if (may_refuse && expected && !done) {
     EXPECT_EQ(publisher.last_error().substr(0, 8), "no room ") << publisher.last_error();

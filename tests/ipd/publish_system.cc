@@ -115,6 +115,28 @@ std::vector<uint32_t> context_ids() {
   return result;
 }
 
+std::vector<ipd::GroupState> groups_of(uint32_t iod) {
+  static thread_local std::vector<ipd::GroupState> found;
+  found.clear();
+  ip_get_each_group(
+      iod,
+      [](uint32_t group, uint32_t data, uint32_t) -> uint32_t {
+        found.push_back({.group = group, .data = data});
+        return 0;
+      },
+      0);
+  return found;
+}
+
+std::optional<ipd::MulticastCounters> counters_of(uint32_t iod) {
+  ipd::MulticastCounters found{};
+  auto &[p, b] = found;
+  const uint32_t packets = ip_get_mcast_pkt_stats_orig(iod, &p[0], &p[1], &p[2], &p[3], &p[4]);
+  const uint32_t bytes = ip_get_mcast_byte_stats_orig(iod, &b[0], &b[1]);
+  EXPECT_EQ(packets, bytes);
+  return packets == 1 ? std::optional(found) : std::nullopt;
+}
+
 std::vector<Holding> holdings_of(uint32_t context_id) {
   std::vector<Holding> result;
   const ip_api_context_type *record = ip_get_api_context(context_id);

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -68,6 +69,9 @@ using Addresses = std::vector<std::pair<uint32_t, uint32_t>>;
 const ip_iftype *interface_record(uint32_t iod);
 Addresses addresses_of(uint32_t iod);
 std::vector<uint32_t> context_ids();
+// Asked of libip: the groups in the order of the walk; the counters, nothing when there is no statistics block.
+std::vector<ipd::GroupState> groups_of(uint32_t iod);
+std::optional<ipd::MulticastCounters> counters_of(uint32_t iod);
 // The whole tree of a context, by walking it.
 std::vector<Holding> holdings_of(uint32_t context_id);
 // One prefix, by exact lookup; an empty list of iods when it is not there.

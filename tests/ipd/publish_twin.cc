@@ -117,6 +117,35 @@ bool Twin::set_unnumbered(uint32_t ifindex, uint32_t source_ifindex, const std::
   return true;
 }
 
+bool Twin::set_groups(uint32_t ifindex, const std::vector<ipd::GroupState> &groups) {
+  const auto port = ports_.find(ifindex);
+  for (const ipd::GroupState &group : groups) {
+    if (group.group < ip(224, 0, 0, 0) || group.group > ip(239, 255, 255, 255)) return false;
+  }
+  if (port == ports_.end()) return false;
+  port->second.groups = groups;
+  return true;
+}
+
+bool Twin::set_multicast_counters(uint32_t ifindex, const ipd::MulticastCounters &counters) {
+  const auto port = ports_.find(ifindex);
+  if (port == ports_.end()) return false;
+  port->second.counters = counters;
+  return true;
+}
+
+bool Twin::set_pim_asserts(uint32_t ifindex, uint32_t count) {
+  const auto port = ports_.find(ifindex);
+  if (port == ports_.end()) return false;
+  port->second.pim_asserts = count;
+  return true;
+}
+
+bool Twin::set_load_share(uint8_t mode, uint32_t value) {
+  load_share_ = {.mode = mode, .value = value};
+  return true;
+}
+
 void Twin::claim(const Port &port, uint32_t network, uint8_t len, bool vip, bool add) {
   auto each = claims_.begin();
   while (each != claims_.end() && !(each->context_id == port.state.context_id && each->network == network &&
@@ -152,13 +181,16 @@ void Twin::replay(ipd::Publisher &publisher) const {
     for (const auto &address : port.addresses) ASSERT_TRUE(publisher.set_address(ifindex, address));
     for (const uint32_t vip : port.vips) ASSERT_TRUE(publisher.set_vip({.ifindex = ifindex, .addr = vip}));
     ASSERT_TRUE(publisher.set_unnumbered(ifindex, port.lender, port.lender_name));
+    ASSERT_TRUE(publisher.set_groups(ifindex, port.groups));
   }
+  ASSERT_TRUE(publisher.set_load_share(static_cast<uint8_t>(load_share_.mode), load_share_.value));
 }
 
 Twin Twin::replayed() const {
   Twin result;
   result.contexts_ = contexts_;
   result.ports_ = ports_;
+  result.load_share_ = load_share_;
   for (const auto &[ifindex, port] : ports_) result.claim_all(port, true);
   return result;
 }
@@ -279,11 +311,20 @@ void Twin::expect_interface(const ipd::Publisher &publisher, const Port &port) c
   }
 }
 
+void Twin::expect_multicast(uint32_t iod, const Port &port) {
+  EXPECT_EQ(groups_of(iod), port.groups);
+  EXPECT_EQ(ip_get_pim_assert_sent_count(iod), port.pim_asserts);
+  EXPECT_EQ(counters_of(iod), port.counters);
+}
+
 void Twin::expect_published(const ipd::Publisher &publisher) const {
   expect_contexts(publisher);
   uint32_t addresses = 0;
   for (const auto &[ifindex, port] : ports_) {
     expect_interface(publisher, port);
+    expect_multicast(publisher.iod(ifindex), port);
+    EXPECT_EQ(publisher.pim_asserts(ifindex), port.pim_asserts);
+    EXPECT_EQ(publisher.multicast_counters(ifindex), port.counters);
     addresses += static_cast<uint32_t>(port.addresses.size());
   }
   uint32_t interfaces = 0;
@@ -291,6 +332,10 @@ void Twin::expect_published(const ipd::Publisher &publisher) const {
     ++interfaces;
   }
   EXPECT_EQ(interfaces, ports_.size());
+  ip_ecmp_loadshare_status load_share{};
+  EXPECT_EQ(ip_get_ecmp_loadshare_status(&load_share), 1u);
+  EXPECT_EQ(load_share.mode, load_share_.mode);
+  EXPECT_EQ(load_share.value, load_share_.value);
   const ipd::PublisherUse use = publisher.use();
   EXPECT_EQ(use.contexts, contexts_.size());
   EXPECT_EQ(use.interfaces, ports_.size());

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,8 +26,13 @@ class Twin {
   bool set_vip(const ipd::VipState &vip);
   bool remove_vip(const ipd::VipState &vip);
   bool set_unnumbered(uint32_t ifindex, uint32_t source_ifindex, const std::string &source_name);
+  bool set_groups(uint32_t ifindex, const std::vector<ipd::GroupState> &groups);
+  bool set_multicast_counters(uint32_t ifindex, const ipd::MulticastCounters &counters);
+  bool set_pim_asserts(uint32_t ifindex, uint32_t count);
+  bool set_load_share(uint8_t mode, uint32_t value);
 
-  // What a new ipd makes of the same picture: context by context, interface by interface.
+  // What a new ipd makes of the same picture: context by context, interface by interface. It does not know the
+  // counters: they are what the previous one left.
   void replay(ipd::Publisher &publisher) const;
   // The twin of that: arrivals count anew.
   [[nodiscard]] Twin replayed() const;
@@ -43,6 +49,9 @@ class Twin {
     std::set<uint32_t> vips;
     uint32_t lender = 0;
     std::string lender_name;
+    std::vector<ipd::GroupState> groups;
+    std::optional<ipd::MulticastCounters> counters;
+    uint32_t pim_asserts = 0;
   };
   struct Claim {  // in order of arrival
     uint32_t context_id, network;
@@ -58,11 +67,13 @@ class Twin {
   [[nodiscard]] std::vector<Holding> holdings(const ipd::Publisher &publisher, uint32_t context_id) const;
   void expect_contexts(const ipd::Publisher &publisher) const;
   void expect_interface(const ipd::Publisher &publisher, const Port &port) const;
+  static void expect_multicast(uint32_t iod, const Port &port);
   void expect_router_id(const ipd::Publisher &publisher, const ipd::ContextState &context) const;
 
   std::map<uint32_t, ipd::ContextState> contexts_;
   std::map<uint32_t, Port> ports_;
   std::vector<Claim> claims_;
+  ip_ecmp_loadshare_status load_share_{};
 };
 
 }  // namespace publish_test

@@ -104,6 +104,49 @@ bool RecordingPublisher::set_unnumbered(uint32_t ifindex, uint32_t source_ifinde
   return true;
 }
 
+bool RecordingPublisher::set_groups(uint32_t ifindex, const std::vector<ipd::GroupState> &groups) {
+  calls.push_back("set_groups " + std::to_string(ifindex) + " " + std::to_string(groups.size()));
+  if (!interfaces.contains(ifindex)) return refuse("no such interface");
+  interfaces[ifindex].groups = groups;
+  return true;
+}
+
+bool RecordingPublisher::set_multicast_counters(uint32_t ifindex, const ipd::MulticastCounters &counters) {
+  calls.push_back("set_multicast_counters " + std::to_string(ifindex));
+  if (!interfaces.contains(ifindex)) return refuse("no such interface");
+  interfaces[ifindex].counters = counters;
+  return true;
+}
+
+bool RecordingPublisher::set_pim_asserts(uint32_t ifindex, uint32_t count) {
+  calls.push_back("set_pim_asserts " + std::to_string(ifindex) + " " + std::to_string(count));
+  if (!interfaces.contains(ifindex)) return refuse("no such interface");
+  interfaces[ifindex].pim_asserts = count;
+  return true;
+}
+
+bool RecordingPublisher::set_load_share(uint8_t mode, uint32_t value) {
+  calls.push_back("set_load_share " + std::to_string(mode) + " " + std::to_string(value));
+  load_share = {mode, value};
+  return true;
+}
+
+// An interface that was removed and came again has another iod.
+uint32_t RecordingPublisher::iod(uint32_t ifindex) const {
+  const auto found = interfaces.find(ifindex);
+  return found == interfaces.end() ? 0 : static_cast<uint32_t>(found->second.made);
+}
+
+uint32_t RecordingPublisher::pim_asserts(uint32_t ifindex) const {
+  const auto found = interfaces.find(ifindex);
+  return found == interfaces.end() ? 0 : found->second.pim_asserts;
+}
+
+std::optional<ipd::MulticastCounters> RecordingPublisher::multicast_counters(uint32_t ifindex) const {
+  const auto found = interfaces.find(ifindex);
+  return found == interfaces.end() ? std::nullopt : found->second.counters;
+}
+
 bool RecordingPublisher::commit() {
   ++commits;
   return true;

@@ -20,7 +20,10 @@ struct RecordedInterface {
   std::vector<ipd::AddressState> addresses;  // in the order that readers see
   std::set<uint32_t> vips;
   std::pair<uint32_t, std::string> lender;  // ifindex 0: none
-  uint64_t made = 0;                        // another number: the interface was removed and came again
+  std::vector<ipd::GroupState> groups;
+  std::optional<ipd::MulticastCounters> counters;
+  uint32_t pim_asserts = 0;
+  uint64_t made = 0;  // another number: the interface was removed and came again
 };
 
 class RecordingPublisher final : public ipd::Publisher {
@@ -34,9 +37,15 @@ class RecordingPublisher final : public ipd::Publisher {
   bool set_vip(const ipd::VipState &vip) override;
   bool remove_vip(const ipd::VipState &vip) override;
   bool set_unnumbered(uint32_t ifindex, uint32_t source_ifindex, const std::string &source_name) override;
+  bool set_groups(uint32_t ifindex, const std::vector<ipd::GroupState> &groups) override;
+  bool set_multicast_counters(uint32_t ifindex, const ipd::MulticastCounters &counters) override;
+  bool set_pim_asserts(uint32_t ifindex, uint32_t count) override;
+  bool set_load_share(uint8_t mode, uint32_t value) override;
   bool commit() override;
   void tick(std::chrono::steady_clock::time_point) override { ++ticks; }
-  [[nodiscard]] uint32_t iod(uint32_t ifindex) const override { return ifindex; }
+  [[nodiscard]] uint32_t iod(uint32_t ifindex) const override;
+  [[nodiscard]] uint32_t pim_asserts(uint32_t ifindex) const override;
+  [[nodiscard]] std::optional<ipd::MulticastCounters> multicast_counters(uint32_t ifindex) const override;
   [[nodiscard]] const std::string &last_error() const override { return error_; }
   [[nodiscard]] ipd::PublisherUse use() const override;
 
@@ -46,6 +55,7 @@ class RecordingPublisher final : public ipd::Publisher {
 
   std::map<uint32_t, ipd::ContextState> contexts;
   std::map<uint32_t, RecordedInterface> interfaces;
+  std::pair<uint8_t, uint32_t> load_share;  // mode, value
   std::vector<std::string> calls;
   uint32_t commits = 0;
   uint32_t ticks = 0;

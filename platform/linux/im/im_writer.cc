@@ -105,6 +105,7 @@ class Writer final : public ImWriter {
     return result;
   }
   void set_extension(uint32_t iod, uint32_t component, void *record) override;
+  [[nodiscard]] void *extension(uint32_t iod, uint32_t component) const override;
   bool publish_name(std::string *reason) override { return segment_->publish_name(reason); }
   void publish_generation() override { segment_->publish_generation(); }
   void tick(Clock::time_point now) override;
@@ -275,6 +276,12 @@ void Writer::set_extension(uint32_t iod, uint32_t component, void *record) {
   }
   // Release: the component's record stands before its address does; partner: lcache_im_get_extension1.
   publish_word(table_->extension[slot][iod], address_of(record));
+}
+
+void *Writer::extension(uint32_t iod, uint32_t component) const {
+  const uint32_t slot = im::slot_of(*table_, component);
+  if (!interfaces_.contains(iod) || component == 0 || slot == im::extension_slots) return nullptr;
+  return at_address<void>(table_->extension[slot][iod]);
 }
 
 void Writer::tick(Clock::time_point now) {

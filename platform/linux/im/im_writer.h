@@ -50,6 +50,8 @@ class RSW_EXPORT ImWriter {
   [[nodiscard]] virtual std::vector<uint32_t> iods() const = 0;
   // The record that lcache_im_get_extension1(iod, component) answers; null takes it away.
   virtual void set_extension(uint32_t iod, uint32_t component, void *record) = 0;
+  // That record as the table has it, which after a take-over is the previous writer's word: not checked. Null: none.
+  [[nodiscard]] virtual void *extension(uint32_t iod, uint32_t component) const = 0;
   virtual bool publish_name(std::string *reason) = 0;
   virtual void publish_generation() = 0;
   virtual void tick(std::chrono::steady_clock::time_point now) = 0;
