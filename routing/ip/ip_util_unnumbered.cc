@@ -3,7 +3,8 @@
 //
 // ip_get_unnumbered_info answers 1 whenever it could look, and says by its flag whether it found an address, by the
 // error text why not. The lender's name is there before its record is looked at: an operator reads the name of a lender
-// that is gone.
+// that is gone. It is copied to its terminator, and where a damaged record has none, to the next zero of the segment: the
+// caller's buffer is all that bounds it.
 #include <cstring>
 
 #include "guard.h"
