@@ -151,9 +151,8 @@ Regions *TrieWriter::regions() const {
   return record_at<Regions>(trie_->regions);
 }
 
-// The route of no bits at all; attributes 0: there is none.
-bool TrieWriter::change_whole(uint32_t attributes) {
-  Change change(*arena_);
+// The route of no bits at all; attributes 0: there shall be none.
+bool TrieWriter::prepare_whole(Change &change, uint32_t attributes, Pending *pending) {
   uint32_t fresh = 0;
   if (attributes != 0) {
     auto *word = change.allocate<RouteWord>(route_word_type);
@@ -163,13 +162,26 @@ bool TrieWriter::change_whole(uint32_t attributes) {
   }
   const uint32_t old = trie_->whole;
   if (old != 0) change.take_out(route_word_type, old);
-  routes_ += (fresh != 0 ? 1u : 0u) - (old != 0 ? 1u : 0u);
-  // Release: the attributes stand before the word that leads to them; partner: the acquire loads of urib_lookup.h, as
-  // with every publish_word of this file.
-  publish_word(trie_->whole, fresh);
-  refresh(0, 0);
-  change.done();
+  *pending = {.word = &trie_->whole,
+              .value = fresh,
+              .block = nullptr,
+              .addr = 0,
+              .len = 0,
+              .routes = routes_ + (fresh != 0 ? 1u : 0u) - (old != 0 ? 1u : 0u)};
   return true;
+}
+
+void TrieWriter::apply(Change &change, const Pending &pending) {
+  if (pending.word == nullptr) return;
+  routes_ = pending.routes;
+  // Release: the new records stand before the word that leads to them; partner: the acquire loads of urib_lookup.h, as
+  // with every publish_word of the tries.
+  publish_word(*pending.word, pending.value);
+  if (pending.block != nullptr) {
+    publish_word(regions()->region[pending.addr >> (32 - region_bits)].block, address_of(pending.block));
+  }
+  if (pending.len > region_bits) drop_block(change, pending.addr);
+  refresh(pending.addr, pending.len);
 }
 
 // Makes sure that the region has a block, for a route longer than 12 bits. *block: a new one, not yet published.
@@ -180,13 +192,11 @@ bool TrieWriter::stage_block(Change &change, uint32_t addr, Block **block) {
   return *block != nullptr;
 }
 
-bool TrieWriter::put(const Item &item) {
-  if (item.len == 0) return change_whole(item.attributes);
+bool TrieWriter::prepare_put(Change &change, const Item &item, Pending *pending) {
+  if (item.len == 0) return prepare_whole(change, item.attributes, pending);
   const uint32_t level = level_of(item.len);
-  const uint32_t bits = bits_at(item.addr, level);
-  Change change(*arena_);
-  Block *block = nullptr;
-  if (item.len > region_bits && !stage_block(change, item.addr, &block)) return false;
+  *pending = {.word = nullptr, .value = 0, .block = nullptr, .addr = item.addr, .len = item.len, .routes = routes_};
+  if (item.len > region_bits && !stage_block(change, item.addr, &pending->block)) return false;
   uint32_t row_word = item.attributes;
   if (level < direct_level) {
     auto *word = change.allocate<RouteWord>(route_word_type);
@@ -196,33 +206,28 @@ bool TrieWriter::put(const Item &item) {
   }
   const Path path(*trie_, item.addr, level);
   Node *const present = path.level() == level ? path.node[path.depth] : nullptr;
-  bool added = true;
-  if (present != nullptr) {
-    RouteSet routes = RouteSet::of(*present);
-    const uint32_t replaced = routes.put(bits, item.len - level, row_word);
-    added = replaced == 0;
-    Node *node = make_node(change, routes);
-    if (node == nullptr) return false;
-    fill_word(node->children, present->children);
-    fill_word(node->above, present->above);
-    if (replaced != 0 && level < direct_level) change.take_out(route_word_type, replaced);
-    if (present->row != 0) change.take_out(row_type(routes_in(*present)), present->row);
-    change.take_out(node_type, address_of(present));
-    publish_word(*path.word[path.depth], address_of(node));
-  } else {
-    add_missing(change, path, item, row_word);
-    if (change.failed()) return false;
+  if (present == nullptr) {
+    ++pending->routes;
+    return prepare_missing(change, path, item, row_word, pending);
   }
-  if (added) ++routes_;
-  if (block != nullptr) publish_word(regions()->region[item.addr >> (32 - region_bits)].block, address_of(block));
-  refresh(item.addr, item.len);
-  change.done();
-  adapt();
+  RouteSet routes = RouteSet::of(*present);
+  const uint32_t replaced = routes.put(bits_at(item.addr, level), item.len - level, row_word);
+  Node *node = make_node(change, routes);
+  if (node == nullptr) return false;
+  fill_word(node->children, present->children);
+  fill_word(node->above, present->above);
+  if (replaced == 0) ++pending->routes;
+  if (replaced != 0 && level < direct_level) change.take_out(route_word_type, replaced);
+  if (present->row != 0) change.take_out(row_type(routes_in(*present)), present->row);
+  change.take_out(node_type, address_of(present));
+  pending->word = path.word[path.depth];
+  pending->value = address_of(node);
   return true;
 }
 
 // Nodes from the prefix's level up to the lowest one that there is.
-void TrieWriter::add_missing(Change &change, const Path &path, const Item &item, uint32_t row_word) {
+bool TrieWriter::prepare_missing(Change &change, const Path &path, const Item &item, uint32_t row_word,
+                                 Pending *pending) {
   const uint32_t level = level_of(item.len);
   RouteSet routes;
   routes.put(bits_at(item.addr, level), item.len - level, row_word);
@@ -235,67 +240,67 @@ void TrieWriter::add_missing(Change &change, const Path &path, const Item &item,
     node = make_node(change, RouteSet{});
     if (children != nullptr && node != nullptr) fill_word(node->children, address_of(children));
   }
-  if (change.failed()) return;
+  if (change.failed()) return false;
   if (lowest == nullptr) {
-    publish_word(*path.word[0], address_of(node));
-    return;
+    pending->word = path.word[0];
+    pending->value = address_of(node);
+    return true;
   }
   const auto *old = record_at<Children>(lowest->children);
   Children *children = changed(change, old, bits_at(item.addr, path.level()), address_of(node));
-  if (children == nullptr) return;
+  if (children == nullptr) return false;
   if (old != nullptr) change.take_out(children_type(count_of(*old)), address_of(old));
-  publish_word(lowest->children, address_of(children));
+  pending->word = &lowest->children;
+  pending->value = address_of(children);
+  return true;
 }
 
-bool TrieWriter::erase(uint32_t addr, uint32_t len) {
-  if (len == 0) return trie_->whole == 0 || change_whole(0);
+bool TrieWriter::prepare_erase(Change &change, uint32_t addr, uint32_t len, Pending *pending) {
+  *pending = Pending{};
+  if (len == 0) return trie_->whole == 0 || prepare_whole(change, 0, pending);
   const uint32_t level = level_of(len);
   const uint32_t bits = bits_at(addr, level);
   const Path path(*trie_, addr, level);
   Node *const node = path.level() == level ? path.node[path.depth] : nullptr;
   if (node == nullptr || exactly_in(*node, bits, len - level).longer == 0) return true;
-  Change change(*arena_);
+  *pending = {.word = nullptr, .value = 0, .block = nullptr, .addr = addr, .len = len, .routes = routes_ - 1};
   RouteSet routes = RouteSet::of(*node);
-  const uint32_t old_count = routes.count;
+  change.take_out(row_type(routes.count), node->row);
+  change.take_out(node_type, address_of(node));
   const uint32_t word = routes.erase(bits, len - level);
   if (level < direct_level) change.take_out(route_word_type, word);
-  change.take_out(row_type(old_count), node->row);
-  change.take_out(node_type, address_of(node));
   if (routes.count != 0 || node->children != 0) {
     Node *fresh = make_node(change, routes);
     if (fresh == nullptr) return false;
     fill_word(fresh->children, node->children);
     fill_word(fresh->above, node->above);
-    publish_word(*path.word[path.depth], address_of(fresh));
-  } else {
-    // Up to the first node that keeps something.
-    uint32_t depth = path.depth;
-    while (depth > 0) {
-      Node &above = *path.node[depth - 1];
-      if (routes_in(above) != 0 || count_of(*record_at<Children>(above.children)) > 1) break;
-      change.take_out(children_type(1), above.children);
-      change.take_out(node_type, address_of(&above));
-      --depth;
-    }
-    if (depth == 0) {
-      publish_word(trie_->root, 0);
-    } else {
-      Node &keeper = *path.node[depth - 1];
-      const auto *old = record_at<Children>(keeper.children);
-      Children *children = nullptr;
-      if (count_of(*old) > 1) {
-        children = changed(change, old, bits_at(addr, (depth - 1) * node_bits), 0);
-        if (children == nullptr) return false;
-      }
-      change.take_out(children_type(count_of(*old)), address_of(old));
-      publish_word(keeper.children, address_of(children));
-    }
+    pending->word = path.word[path.depth];
+    pending->value = address_of(fresh);
+    return true;
   }
-  --routes_;
-  if (len > region_bits) drop_block(change, addr);
-  refresh(addr, len);
-  change.done();
-  adapt();
+  // The node goes, and with it those above it, up to the first one that keeps something.
+  uint32_t depth = path.depth;
+  while (depth > 0) {
+    Node &above = *path.node[depth - 1];
+    if (routes_in(above) != 0 || count_of(*record_at<Children>(above.children)) > 1) break;
+    change.take_out(children_type(1), above.children);
+    change.take_out(node_type, address_of(&above));
+    --depth;
+  }
+  if (depth == 0) {
+    pending->word = &trie_->root;
+    return true;
+  }
+  Node &keeper = *path.node[depth - 1];
+  const auto *old = record_at<Children>(keeper.children);
+  Children *children = nullptr;
+  if (count_of(*old) > 1) {
+    children = changed(change, old, bits_at(addr, (depth - 1) * node_bits), 0);
+    if (children == nullptr) return false;
+  }
+  change.take_out(children_type(count_of(*old)), address_of(old));
+  pending->word = &keeper.children;
+  pending->value = address_of(children);
   return true;
 }
 

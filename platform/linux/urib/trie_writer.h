@@ -25,10 +25,24 @@ class TrieWriter {
   // `trie` is zeroed, or was filled by this class before.
   TrieWriter(Arena &arena, Trie *trie) : arena_(&arena), trie_(trie) {}
 
-  // Adds the route or replaces the one of that prefix. False: no room, nothing has changed.
-  [[nodiscard]] bool put(const Item &item);
-  // Takes a route out. True also when it is not there. False: no room for what replaces its node, nothing has changed.
-  [[nodiscard]] bool erase(uint32_t addr, uint32_t len);
+  // A change in two steps, so that changes of two tries happen together or not at all. The first step allocates and
+  // stores nothing that readers see; false: no room. The second one always succeeds, and change.done() comes after it.
+  struct Pending {
+    uint32_t *word = nullptr;  // to be swung; null: nothing is to be done
+    uint32_t value = 0;
+    Block *block = nullptr;  // a new one for the region
+    uint32_t addr = 0;
+    uint32_t len = 0;
+    uint32_t routes = 0;  // how many there are then
+  };
+  // Adds the route or replaces the one of that prefix.
+  [[nodiscard]] bool prepare_put(Change &change, const Item &item, Pending *pending);
+  // Takes a route out, if it is there.
+  [[nodiscard]] bool prepare_erase(Change &change, uint32_t addr, uint32_t len, Pending *pending);
+  void apply(Change &change, const Pending &pending);
+  // Makes or drops the shortcut, as many routes as there are now. After a change is done.
+  void adapt();
+
   // Fills an empty trie with routes in the order of (addr, len), each prefix once. False: no room, it is empty still.
   [[nodiscard]] bool build(std::span<const Item> items);
   // The attributes of exactly that prefix; 0: it is not there.
@@ -44,15 +58,14 @@ class TrieWriter {
  private:
   struct Path;
   struct RouteSet;
-  bool change_whole(uint32_t attributes);
-  void add_missing(Change &change, const Path &path, const Item &item, uint32_t row_word);
+  bool prepare_whole(Change &change, uint32_t attributes, Pending *pending);
+  bool prepare_missing(Change &change, const Path &path, const Item &item, uint32_t row_word, Pending *pending);
   Node *make_node(Change &change, const RouteSet &routes);
   uint32_t build_node(Change &change, std::span<const Item> items, uint32_t level);
   bool stage_block(Change &change, uint32_t addr, Block **block);
   void refresh(uint32_t addr, uint32_t len);
   void refresh_slot(Block &block, const Node *middle, uint32_t addr);
   void drop_block(Change &change, uint32_t addr);
-  void adapt();
   bool make_shortcut();
   void discard_shortcut(Regions *all, bool published);
   void discard_node(uint32_t address, uint32_t level, bool published);

@@ -2,8 +2,8 @@
 // The route tables, the writer's side: which tables there are, and what happens to each.
 //
 // A table is three tries that share its routes' attributes. A route of the unicast view that is direct stands in two of
-// them, and each place counts as one user of its attributes. A change goes to one trie after the other; when the second
-// has no room, the first is put back as it was, which needs none.
+// them, and each place counts as one user of its attributes. Both are prepared before the first store, so that a change
+// for which there is no room leaves everything as it was.
 //
 // The first commit makes the directory the segment's root. Until then everything is built beside what a previous
 // writer left, which readers go on seeing; none of that is adopted, so that the first commit retires all of it.
@@ -170,26 +170,26 @@ void Writer::remove_if_empty(uint32_t id) {
   if (table.unicast.size() == 0 && table.multicast.size() == 0) unlink(id);
 }
 
-// The route in all tries that it belongs in. `old` are the attributes that it replaces in its view, or 0.
+// The route in all tries that it belongs in, in the place of the one with the attributes `old` (0: none). False: no
+// room, nothing has changed.
 bool Writer::put(TableWriter &table, const Item &item, uint32_t old) {
   const RouteKind kind = kind_of(item.attributes);
   TrieWriter &trie = table.of(view_of(kind));
   const bool was_direct = old != 0 && is_direct(kind_of(old));
   const bool now_direct = is_direct(kind);
-  if (now_direct) {
-    if (!table.direct.put(item)) return false;
-    attributes_.hold(item.attributes);
-  }
-  if (!trie.put(item)) {
-    if (now_direct) {
-      const bool back =
-          was_direct ? table.direct.put({item.addr, item.len, old}) : table.direct.erase(item.addr, item.len);
-      if (back) attributes_.drop(item.attributes);
-    }
-    return false;
-  }
-  if (was_direct && !now_direct && !table.direct.erase(item.addr, item.len)) return false;
+  Change change(*arena_);
+  TrieWriter::Pending main;
+  TrieWriter::Pending direct;
+  if (!trie.prepare_put(change, item, &main)) return false;
+  if (now_direct && !table.direct.prepare_put(change, item, &direct)) return false;
+  if (was_direct && !now_direct && !table.direct.prepare_erase(change, item.addr, item.len, &direct)) return false;
+  trie.apply(change, main);
+  table.direct.apply(change, direct);
+  if (now_direct) attributes_.hold(item.attributes);
   if (was_direct) attributes_.drop(old);
+  change.done();
+  trie.adapt();
+  table.direct.adapt();
   return true;
 }
 
@@ -225,11 +225,19 @@ bool Writer::remove(uint32_t id, RouteView view, uint32_t addr, uint8_t len) {
   TableWriter &table = entry->second;
   const uint32_t old = table.of(view).find(addr, len);
   if (old == 0) return true;
-  if (!table.of(view).erase(addr, len)) return no_room();
-  if (view == RouteView::unicast && is_direct(kind_of(old))) {
-    if (!table.direct.erase(addr, len)) return no_room();
-    attributes_.drop(old);
-  }
+  TrieWriter &trie = table.of(view);
+  Change change(*arena_);
+  TrieWriter::Pending main;
+  TrieWriter::Pending direct;
+  const bool is_in_direct = view == RouteView::unicast && is_direct(kind_of(old));
+  if (!trie.prepare_erase(change, addr, len, &main)) return no_room();
+  if (is_in_direct && !table.direct.prepare_erase(change, addr, len, &direct)) return no_room();
+  trie.apply(change, main);
+  table.direct.apply(change, direct);
+  change.done();
+  if (is_in_direct) attributes_.drop(old);
+  trie.adapt();
+  table.direct.adapt();
   publish_word(table.body->pass_on, table.body->pass_on - passes_on_count(old));
   changed(table);
   attributes_.drop(old);

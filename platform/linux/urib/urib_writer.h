@@ -34,10 +34,11 @@ class RSW_EXPORT UribWriter {
   // after the first commit(). Results: true: done, also when nothing changes. False: refused, nothing has changed, and
   // last_error() says why: a bad prefix or next hop, or no room.
   virtual bool set(uint32_t table, const Route &route) = 0;
-  // True also when there is none.
+  // True also when there is none. False: no room for the record that replaces the one it stood in; nothing has changed.
   virtual bool remove(uint32_t table, RouteView view, uint32_t addr, uint8_t len) = 0;
   // Puts these routes in the place of all that the table has, both views; much faster than set() for many. Sorted by
-  // (addr, len) is faster still. Readers see the old table or the new one. False as for set(); the table is unchanged.
+  // (addr, len) is faster still; no prefix twice in one view. Readers see the old table or the new one. False as for
+  // set(); the table is unchanged.
   virtual bool load(uint32_t table, std::span<const Route> routes) = 0;
   virtual bool remove_table(uint32_t table) = 0;
 
