@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Dump, subscribe, and start over when something was missed.
 //
-// A cycle is three dumps on one socket: links, addresses, settings. The socket is subscribed before the first, so that
-// nothing can fall between; the picture lays events over the dump (see picture.cc). One socket for both keeps dump
-// messages and events in the kernel's order.
+// A cycle is three dumps on one socket: links, addresses, settings; or, for routes, links, addresses, nexthop objects,
+// routes, where links and addresses are those that the order of events on this socket speaks of. The socket is
+// subscribed before the first, so that nothing can fall between; the picture lays events over the dump (see
+// picture.cc). One socket for both keeps dump messages and events in the kernel's order.
 //
 // Lost events. When the receive buffer is full, the kernel drops events, says ENOBUFS once, and goes on dropping
 // silently until the queue has been read empty. So a new cycle must not begin at the ENOBUFS but when there is nothing
@@ -20,8 +21,15 @@
 // answers only that setting is taken: all others have events, and an answer may be older than an event that overtook
 // it.
 //
+// Nor has every change of routes (see route_rules.cc). What the picture concludes by itself is verified by a new cycle,
+// a fifth of a second after the last such conclusion but no later than a second after the first, and with a rest before
+// it that grows with what a cycle takes: a table of a million routes is not read all the time.
+//
 // Every answer to a request bears our port and the request's number; a late answer to an older request matches nothing.
 #include "ipd/kernel/mirror.h"
+
+#include <algorithm>
+#include <cerrno>
 
 namespace ipd::kernel {
 namespace {
@@ -30,6 +38,9 @@ constexpr uint32_t interruptions_borne = 5;
 constexpr auto rest_after_interruptions = std::chrono::seconds(1);
 constexpr auto answer_deadline = std::chrono::seconds(10);
 constexpr auto poll_period = std::chrono::seconds(2);
+constexpr auto verify_delay = std::chrono::milliseconds(200);
+constexpr auto verify_patience = std::chrono::seconds(1);
+constexpr int rest_per_cycle = 4;
 
 }  // namespace
 
@@ -38,9 +49,10 @@ void Mirror::start(Clock::time_point now) {
 }
 
 void Mirror::begin(Clock::time_point now) {
-  now_ = last_progress_ = now;
-  again_ = lost_ = interrupted_ = false;
+  now_ = last_progress_ = began_ = now;
+  again_ = lost_ = interrupted_ = doubtful_ = false;
   picture_.begin_dump();
+  if (routes_ != nullptr) routes_->begin_dump();
   ask(DumpOf::links);
 }
 
@@ -61,6 +73,14 @@ void Mirror::drained(Clock::time_point now) {
   now_ = now;
   const bool busy = running_ || (poll_sequence_ != 0 && poll_is_dump_);
   if (again_ && !busy && now >= not_before_) begin(now);
+  note_doubt();
+}
+
+void Mirror::note_doubt() {
+  if (routes_ == nullptr || running_ || !routes_->take_doubt()) return;
+  if (!doubtful_) verify_latest_ = now_ + verify_patience;
+  doubtful_ = true;
+  verify_at_ = std::max(std::min(now_ + verify_delay, verify_latest_), verify_earliest_);
 }
 
 void Mirror::tick(Clock::time_point now) {
@@ -72,9 +92,12 @@ void Mirror::tick(Clock::time_point now) {
     begin(now);
   } else if (again_ && !running_ && !lost_ && now >= not_before_) {
     begin(now);
-  } else if (settled() && now >= next_poll_) {
+  } else if (settled() && doubtful_ && now >= verify_at_) {
+    begin(now);
+  } else if (settled() && routes_ == nullptr && now >= next_poll_) {
     poll(now);
   }
+  note_doubt();
 }
 
 void Mirror::poll(Clock::time_point now) {
@@ -101,14 +124,14 @@ void Mirror::note_interruption(const Origin &origin) {
 
 void Mirror::link(const Origin &origin, const LinkMessage &message) {
   ++counts_.messages;
-  if (!is_dump(origin)) return picture_.link(message);
+  if (!is_dump(origin)) return routes_ != nullptr ? routes_->link(message) : picture_.link(message);
   note_interruption(origin);
   picture_.dump_link(message);
 }
 
 void Mirror::address(const Origin &origin, const AddressMessage &message) {
   ++counts_.messages;
-  if (!is_dump(origin)) return picture_.address(message);
+  if (!is_dump(origin)) return routes_ != nullptr ? routes_->address(message) : picture_.address(message);
   note_interruption(origin);
   picture_.dump_address(message);
 }
@@ -127,6 +150,22 @@ void Mirror::netconf(const Origin &origin, const NetconfMessage &message) {
   if (!is_dump(origin)) return picture_.netconf(message);
   note_interruption(origin);
   picture_.dump_netconf(message);
+}
+
+void Mirror::route(const Origin &origin, const RouteMessage &message) {
+  if (routes_ == nullptr) return;
+  ++counts_.messages;
+  if (!is_dump(origin)) return routes_->route(message);
+  note_interruption(origin);
+  routes_->dump_route(message);
+}
+
+void Mirror::nexthop(const Origin &origin, const NexthopMessage &message) {
+  if (routes_ == nullptr) return;
+  ++counts_.messages;
+  if (!is_dump(origin)) return routes_->nexthop(message);
+  note_interruption(origin);
+  routes_->dump_nexthop(message);
 }
 
 void Mirror::end_of_dump(const Origin &origin, int error) {
@@ -149,19 +188,28 @@ void Mirror::end_of_dump(const Origin &origin, int error) {
     case DumpOf::links:
       return ask(DumpOf::addresses);
     case DumpOf::addresses:
-      return ask(DumpOf::settings);
+      return ask(routes_ != nullptr ? DumpOf::nexthops : DumpOf::settings);
+    case DumpOf::nexthops:
+      return ask(DumpOf::routes);
     case DumpOf::settings:
+    case DumpOf::routes:
       return finish();
   }
 }
 
+void Mirror::end_picture(bool whole) {
+  picture_.end_dump(whole);
+  if (routes_ != nullptr) routes_->end_dump(whole);
+  complete_ = true;
+}
+
 void Mirror::finish() {
   running_ = false;
+  verify_earliest_ = now_ + rest_per_cycle * (now_ - began_);
   if (!interrupted_) {
     interruptions_in_a_row_ = 0;
     ++counts_.dumps;
-    picture_.end_dump(true);
-    complete_ = true;
+    end_picture(true);
     return;
   }
   ++counts_.interrupted;
@@ -171,14 +219,15 @@ void Mirror::finish() {
     return;
   }
   interruptions_in_a_row_ = 0;
-  picture_.end_dump(false);
-  complete_ = true;
+  end_picture(false);
   not_before_ = now_ + rest_after_interruptions;
 }
 
 void Mirror::request_failed(const Origin &origin, int error) {
   if (is_poll(origin) && error != 0) poll_sequence_ = 0;
   if (!is_dump(origin) || error == 0) return;
+  // A kernel without nexthop objects has none.
+  if (asked_ == DumpOf::nexthops && error == EOPNOTSUPP) return ask(DumpOf::routes);
   ++counts_.failed;
   unsent_ = true;  // tick() asks again
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Keeps a Picture equal to the kernel's state: asks for dumps, tells their messages from events, and starts over when
-// something was missed. Knows no socket: bytes come in through parse(), requests go out through Requests.
+// Keeps a picture equal to the kernel's state: asks for dumps, tells their messages from events, and starts over when
+// something was missed. There is one mirror of links, addresses and settings, and one of routes. Knows no socket: bytes
+// come in through parse(), requests go out through Requests.
 #ifndef IPD_KERNEL_MIRROR_H
 #define IPD_KERNEL_MIRROR_H
 
@@ -10,10 +11,11 @@
 
 #include "ipd/kernel/parse.h"
 #include "ipd/kernel/picture.h"
+#include "ipd/kernel/route_picture.h"
 
 namespace ipd::kernel {
 
-enum class DumpOf : uint8_t { links, addresses, settings };
+enum class DumpOf : uint8_t { links, addresses, settings, nexthops, routes };
 
 // What the mirror asks of its socket.
 class Requests {
@@ -28,7 +30,7 @@ class Requests {
 };
 
 struct MirrorCounts {
-  uint64_t messages = 0;     // links, addresses and settings taken in
+  uint64_t messages = 0;     // taken in
   uint64_t dumps = 0;        // whole cycles
   uint64_t overruns = 0;     // times that events were lost
   uint64_t interrupted = 0;  // cycles that the kernel called interrupted
@@ -42,6 +44,9 @@ class Mirror final : public Sink {
 
   // `port` is the socket's own netlink port: what bears it and a sequence number of ours answers a request.
   Mirror(Picture &picture, Requests &requests) : picture_(picture), requests_(requests) {}
+  // Of routes, with the links and addresses that they stand on.
+  Mirror(RoutePicture &routes, Requests &requests)
+      : picture_(routes.devices()), routes_(&routes), requests_(requests) {}
   void set_port(uint32_t port) { port_ = port; }
 
   // Begins the first dump; the socket must be subscribed already.
@@ -63,6 +68,8 @@ class Mirror final : public Sink {
   void link(const Origin &origin, const LinkMessage &message) override;
   void address(const Origin &origin, const AddressMessage &message) override;
   void netconf(const Origin &origin, const NetconfMessage &message) override;
+  void route(const Origin &origin, const RouteMessage &message) override;
+  void nexthop(const Origin &origin, const NexthopMessage &message) override;
   void end_of_dump(const Origin &origin, int error) override;
   void request_failed(const Origin &origin, int error) override;
   void events_lost() override { overrun(); }
@@ -76,8 +83,11 @@ class Mirror final : public Sink {
   void begin(Clock::time_point now);
   void ask(DumpOf what);
   void finish();
+  void end_picture(bool whole);
+  void note_doubt();
 
   Picture &picture_;
+  RoutePicture *routes_ = nullptr;
   Requests &requests_;
   uint32_t port_ = 0;
   uint32_t sequence_ = 0;
@@ -91,6 +101,11 @@ class Mirror final : public Sink {
   uint32_t interruptions_in_a_row_ = 0;
   uint32_t poll_sequence_ = 0;  // 0: no poll is out
   bool poll_is_dump_ = false;
+  bool doubtful_ = false;  // the routes are to be read again at verify_at_
+  Clock::time_point began_{};
+  Clock::time_point verify_at_{};
+  Clock::time_point verify_latest_{};
+  Clock::time_point verify_earliest_{};
   Clock::time_point last_progress_{};
   Clock::time_point not_before_{};
   Clock::time_point next_poll_{};

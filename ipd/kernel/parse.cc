@@ -14,7 +14,6 @@
 // there "delete" means that the port left the bridge; only AF_UNSPEC speaks about the device itself.
 #include "ipd/kernel/parse.h"
 
-#include <arpa/inet.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
 #include <linux/netconf.h>
@@ -22,74 +21,11 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
-#include <algorithm>
-#include <cstring>
-#include <string_view>
+#include "ipd/kernel/attributes.h"
+#include "ipd/kernel/parse_routes.h"
 
 namespace ipd::kernel {
 namespace {
-
-using Bytes = std::span<const std::byte>;
-
-constexpr size_t padded(size_t length) {
-  return (length + 3) & ~size_t{3};
-}
-
-// The one place where bytes become a value.
-template <class T>
-T copy_out(Bytes bytes) {
-  T value;
-  std::memcpy(&value, bytes.data(), sizeof value);
-  return value;
-}
-
-// Reads attributes and remembers the first thing that was wrong with them.
-class Attributes {
- public:
-  explicit Attributes(Bytes bytes) : rest_(bytes) {}
-
-  // The next attribute into type and payload. False at the end, or when the rest is malformed.
-  bool next(uint16_t &type, Bytes &payload) {
-    if (rest_.empty()) return false;
-    if (rest_.size() < sizeof(rtattr)) return fail(Refusal::lying_attribute);
-    const auto header = copy_out<rtattr>(rest_);
-    if (header.rta_len < sizeof(rtattr) || header.rta_len > rest_.size()) return fail(Refusal::lying_attribute);
-    type = header.rta_type & NLA_TYPE_MASK;
-    payload = rest_.subspan(sizeof(rtattr), header.rta_len - sizeof(rtattr));
-    rest_ = rest_.subspan(std::min(padded(header.rta_len), rest_.size()));
-    return true;
-  }
-
-  uint32_t u32(Bytes payload) {
-    if (payload.size() != sizeof(uint32_t)) {
-      fail(Refusal::wrong_attribute_size);
-      return 0;
-    }
-    return copy_out<uint32_t>(payload);
-  }
-
-  uint32_t address(Bytes payload) { return ntohl(u32(payload)); }
-
-  bool fail(Refusal refusal) {
-    if (!refusal_) refusal_ = refusal;
-    rest_ = {};
-    return false;
-  }
-
-  [[nodiscard]] std::optional<Refusal> refusal() const { return refusal_; }
-
- private:
-  Bytes rest_;
-  std::optional<Refusal> refusal_;
-};
-
-// The text of a NUL-terminated payload of at most `limit` characters; nothing when it is not that.
-std::optional<std::string> text(Bytes payload, size_t limit) {
-  const auto end = std::find(payload.begin(), payload.end(), std::byte{0});
-  const auto length = static_cast<size_t>(end - payload.begin());
-  if (end == payload.end() || length == 0 || length > limit) return std::nullopt;
-  return std::string(reinterpret_cast<const char *>(payload.data()), length);
-}
 
 void read_kind_data(Bytes bytes, Attributes &outer, LinkMessage &message) {
   Attributes attributes(bytes);
@@ -266,7 +202,8 @@ std::optional<Refusal> read_done(Bytes body, const Origin &origin, Sink &sink) {
   return std::nullopt;
 }
 
-std::optional<Refusal> read_message(uint16_t type, Bytes body, const Origin &origin, Sink &sink) {
+std::optional<Refusal> read_message(const nlmsghdr &header, Bytes body, const Origin &origin, Sink &sink) {
+  const uint16_t type = header.nlmsg_type;
   switch (type) {
     case RTM_NEWLINK:
     case RTM_DELLINK:
@@ -277,6 +214,12 @@ std::optional<Refusal> read_message(uint16_t type, Bytes body, const Origin &ori
     case RTM_NEWNETCONF:
     case RTM_DELNETCONF:
       return read_netconf(body, type == RTM_DELNETCONF, origin, sink);
+    case RTM_NEWROUTE:
+    case RTM_DELROUTE:
+      return read_route(body, type == RTM_DELROUTE, header.nlmsg_flags, origin, sink);
+    case RTM_NEWNEXTHOP:
+    case RTM_DELNEXTHOP:
+      return read_nexthop(body, type == RTM_DELNEXTHOP, origin, sink);
     case NLMSG_ERROR:
       return read_error(body, origin, sink);
     case NLMSG_DONE:
@@ -322,7 +265,7 @@ void parse(Bytes datagram, Sink &sink) {
                         .sequence = header.nlmsg_seq,
                         .interrupted = (header.nlmsg_flags & NLM_F_DUMP_INTR) != 0};
     const Bytes body = datagram.subspan(sizeof(nlmsghdr), header.nlmsg_len - sizeof(nlmsghdr));
-    if (const auto refusal = read_message(header.nlmsg_type, body, origin, sink)) {
+    if (const auto refusal = read_message(header, body, origin, sink)) {
       sink.refused(*refusal, header.nlmsg_type);
     }
     datagram = datagram.subspan(std::min<size_t>(padded(header.nlmsg_len), datagram.size()));

@@ -10,6 +10,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace ipd::kernel {
 
@@ -56,6 +57,57 @@ struct NetconfMessage {
   std::optional<bool> directed_broadcast = {};
 };
 
+// One next hop of a route.
+struct RouteHop {
+  uint32_t ifindex = 0;   // 0: the device is gone
+  uint32_t gateway = 0;   // host order; 0: none, or one of another family
+  bool via_ipv6 = false;  // the gateway has an IPv6 address:
+  std::array<uint8_t, 16> gateway_ipv6{};
+  uint32_t weight = 1;
+  bool operator==(const RouteHop &) const = default;
+};
+
+// Where a new route stands among those of the same table, prefix, type of service and metric. The kernel uses the
+// first.
+enum class RoutePlace : uint8_t {
+  alone,    // there was none
+  first,    // before the others
+  last,     // behind the others
+  instead,  // in the place of the first
+  unsaid,   // told again for another reason
+};
+
+struct RouteMessage {
+  bool removed = false;
+  RoutePlace place = RoutePlace::unsaid;  // of events; a dump tells them in their order
+  uint32_t table = 0;                     // never 0
+  uint32_t addr = 0;                      // host order, no bits beyond `len`
+  uint8_t len = 0;
+  uint8_t tos = 0;
+  uint8_t type = 0;      // RTN_*
+  uint8_t scope = 0;     // RT_SCOPE_*
+  uint8_t protocol = 0;  // RTPROT_*
+  uint32_t metric = 0;
+  uint32_t pref_src = 0;       // host order; 0: none
+  uint32_t nexthop_id = 0;     // of the nexthop object; `hops` is empty then. 0: none
+  std::vector<RouteHop> hops;  // none for a route that drops
+  std::vector<bool> dead;      // as many: the kernel does not use this one now
+};
+
+// A nexthop object; those of a bridge's forwarding database are passed over.
+struct NexthopMessage {
+  struct Member {
+    uint32_t id;
+    uint32_t weight;
+    bool operator==(const Member &) const = default;
+  };
+  bool removed = false;
+  uint32_t id = 0;  // never 0
+  bool blackhole = false;
+  RouteHop hop;                 // of a single one
+  std::vector<Member> members;  // of a group; empty: not a group
+};
+
 // Why a message was skipped.
 enum class Refusal : uint8_t {
   short_header,          // fewer bytes left than a message header has
@@ -75,6 +127,8 @@ class Sink {
   virtual void link(const Origin &origin, const LinkMessage &message) = 0;
   virtual void address(const Origin &origin, const AddressMessage &message) = 0;
   virtual void netconf(const Origin &origin, const NetconfMessage &message) = 0;
+  virtual void route(const Origin &origin, const RouteMessage &message) = 0;
+  virtual void nexthop(const Origin &origin, const NexthopMessage &message) = 0;
   virtual void end_of_dump(const Origin &origin, int error) = 0;     // error: an errno, 0 for a whole dump
   virtual void request_failed(const Origin &origin, int error) = 0;  // error: an errno; 0 is an acknowledgement
   virtual void events_lost() = 0;                                    // NLMSG_OVERRUN

@@ -12,6 +12,7 @@
 #include <libmnl/libmnl.h>
 #include <linux/if_link.h>
 #include <linux/netconf.h>
+#include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
@@ -27,10 +28,20 @@ namespace {
 constexpr uint32_t default_receive_buffer = 8u << 20;
 constexpr size_t datagram_room = 64u << 10;  // the kernel makes dump datagrams of at most 32 KiB
 constexpr int batch = 256;                   // datagrams
+constexpr int batch_of_routes = 32;          // of a full table, each with hundreds of routes
 
 class Socket final : public Rtnetlink, private Requests {
  public:
-  explicit Socket(Picture &picture) : mirror_(picture, *this), buffer_(datagram_room) {}
+  explicit Socket(Picture &picture)
+      : groups_{RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV4_NETCONF},
+        batch_(batch),
+        mirror_(picture, *this),
+        buffer_(datagram_room) {}
+  explicit Socket(RoutePicture &routes)
+      : groups_{RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV4_ROUTE, RTNLGRP_NEXTHOP},
+        batch_(batch_of_routes),
+        mirror_(routes, *this),
+        buffer_(datagram_room) {}
   ~Socket() override {
     if (socket_ != nullptr) mnl_socket_close(socket_);
   }
@@ -52,6 +63,8 @@ class Socket final : public Rtnetlink, private Requests {
   bool subscribe(std::string *reason);
 
   mnl_socket *socket_ = nullptr;
+  std::vector<int> groups_;
+  int batch_;
   Mirror mirror_;
   std::vector<std::byte> buffer_;
 };
@@ -75,8 +88,9 @@ uint32_t Socket::receive_buffer() const {
 }
 
 bool Socket::subscribe(std::string *reason) {
-  for (int group : {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV4_NETCONF}) {
+  for (int group : groups_) {
     if (mnl_socket_setsockopt(socket_, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0) {
+      if (group == RTNLGRP_NEXTHOP) continue;  // a kernel without nexthop objects
       return fail(reason, "cannot subscribe to the kernel's events");
     }
   }
@@ -119,6 +133,18 @@ bool Socket::request_dump(DumpOf what, uint32_t sequence) {
       fixed->ncm_family = AF_INET;
       break;
     }
+    case DumpOf::nexthops: {
+      message->nlmsg_type = RTM_GETNEXTHOP;
+      auto *fixed = static_cast<nhmsg *>(mnl_nlmsg_put_extra_header(message, sizeof(nhmsg)));
+      fixed->nh_family = AF_UNSPEC;
+      break;
+    }
+    case DumpOf::routes: {
+      message->nlmsg_type = RTM_GETROUTE;
+      auto *fixed = static_cast<rtmsg *>(mnl_nlmsg_put_extra_header(message, sizeof(rtmsg)));
+      fixed->rtm_family = AF_INET;
+      break;
+    }
   }
   return mnl_socket_sendto(socket_, message, message->nlmsg_len) >= 0;
 }
@@ -136,7 +162,7 @@ bool Socket::request_system_settings(uint32_t sequence) {
 }
 
 Rtnetlink::Reading Socket::read(std::string *reason) {
-  for (int i = 0; i < batch; ++i) {
+  for (int i = 0; i < batch_; ++i) {
     sockaddr_nl sender{};
     iovec part{.iov_base = buffer_.data(), .iov_len = buffer_.size()};
     msghdr header{};
@@ -168,12 +194,21 @@ Rtnetlink::Reading Socket::read(std::string *reason) {
   return Reading::more;
 }
 
+template <class Kept>
+std::unique_ptr<Rtnetlink> open_socket(Kept &kept, uint32_t receive_buffer, std::string *reason) {
+  auto socket = std::make_unique<Socket>(kept);
+  if (!socket->open(receive_buffer, reason)) return nullptr;
+  return socket;
+}
+
 }  // namespace
 
 std::unique_ptr<Rtnetlink> Rtnetlink::open(Picture &picture, uint32_t receive_buffer, std::string *reason) {
-  auto socket = std::make_unique<Socket>(picture);
-  if (!socket->open(receive_buffer, reason)) return nullptr;
-  return socket;
+  return open_socket(picture, receive_buffer, reason);
+}
+
+std::unique_ptr<Rtnetlink> Rtnetlink::open(RoutePicture &routes, uint32_t receive_buffer, std::string *reason) {
+  return open_socket(routes, receive_buffer, reason);
 }
 
 }  // namespace ipd::kernel

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The rtnetlink socket of the network namespace that ipd runs in.
+// The rtnetlink sockets of the network namespace that ipd runs in: one for links, addresses and settings, one for
+// routes, so that a flood of routes neither delays nor drops what is told of addresses.
 #ifndef IPD_KERNEL_RTNETLINK_H
 #define IPD_KERNEL_RTNETLINK_H
 
@@ -18,6 +19,7 @@ class Rtnetlink {
   // Opens the socket, subscribes, and requests the first dump. `receive_buffer`: bytes, 0 for the built-in choice; the
   // kernel may give less to a process without privileges. Null: *reason says why.
   static std::unique_ptr<Rtnetlink> open(Picture &picture, uint32_t receive_buffer, std::string *reason);
+  static std::unique_ptr<Rtnetlink> open(RoutePicture &routes, uint32_t receive_buffer, std::string *reason);
   virtual ~Rtnetlink() = default;
 
   [[nodiscard]] virtual int descriptor() const = 0;  // non-blocking, for poll

@@ -38,6 +38,8 @@ struct Recorder final : Sink {
     origins.push_back(origin);
     settings.push_back(message);
   }
+  void route(const Origin &, const RouteMessage &) override {}
+  void nexthop(const Origin &, const NexthopMessage &) override {}
   void end_of_dump(const Origin &, int error) override { ends.push_back(error); }
   void request_failed(const Origin &origin, int error) override { failures.emplace_back(origin.sequence, error); }
   void events_lost() override { ++losses; }
