@@ -13,9 +13,11 @@
 #include <syslog.h>
 
 #include <array>
+#include <charconv>
 #include <set>
 #include <utility>
 
+#include "ipd/config_routes.h"
 #include "ipd/json_reader.h"
 
 namespace ipd {
@@ -147,17 +149,33 @@ void read_list(const JsonObject &object, const char *key, std::initializer_list<
 
 Configuration read_configuration(std::string_view text) {
   const nlohmann::json json = parse_json(text);
-  const JsonObject object(json, "", {"contexts", "vips", "unnumbered", "router_id", "log_level"});
+  const JsonObject object(json, "",
+                          {"contexts", "vips", "unnumbered", "multicast_routes", "leaks", "router_id", "log_level"});
   Configuration configuration;
   configuration.router_id = read_router_id(object);
   if (const auto level = object.text("log_level", 255)) configuration.log_level = read_level(object, *level);
   read_list(object, "contexts", {"name", "id", "table", "router_id", "interfaces"}, read_context, configuration);
   read_list(object, "vips", {"interface", "address"}, read_vip, configuration);
   read_list(object, "unnumbered", {"interface", "source"}, read_unnumbered, configuration);
+  read_list(object, "multicast_routes", {"context", "table", "prefix", "metric", "next_hops"}, read_multicast_route,
+            configuration);
+  read_list(object, "leaks", {"prefix", "from", "from_table", "to", "to_table"}, read_leak, configuration);
   return configuration;
 }
 
 }  // namespace
+
+std::optional<std::pair<uint32_t, uint8_t>> parse_prefix(std::string_view text) {
+  const size_t slash = text.find('/');
+  if (slash == std::string_view::npos) return std::nullopt;
+  const auto address = parse_address(text.substr(0, slash));
+  const std::string_view digits = text.substr(slash + 1);
+  uint8_t len = 0;
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), len);
+  if (!address || error != std::errc{} || end != digits.data() + digits.size() || len > 32) return std::nullopt;
+  if (len < 32 && (*address << len) != 0) return std::nullopt;
+  return std::make_pair(*address, len);
+}
 
 std::optional<uint32_t> parse_address(std::string_view text) {
   in_addr address{};
@@ -206,6 +224,7 @@ std::string describe(const Configuration &configuration) {
   for (const UnnumberedRule &rule : configuration.unnumbered) {
     out += "unnumbered " + rule.interface + " borrows from " + rule.source + "\n";
   }
+  out += describe_routes(configuration);
   return out;
 }
 

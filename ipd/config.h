@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace ipd {
@@ -33,10 +34,43 @@ struct UnnumberedRule {
   bool operator==(const UnnumberedRule &) const = default;
 };
 
+// A route table: a context's, or one by its number.
+struct TableName {
+  std::string context;  // empty: by number
+  uint32_t table = 0;
+  bool operator==(const TableName &) const = default;
+};
+
+struct MulticastNextHop {
+  std::string interface;  // empty: found by resolving the address
+  uint32_t address = 0;   // host order; 0: the source itself, or whatever is behind the interface
+  bool operator==(const MulticastNextHop &) const = default;
+};
+
+// A static route that only reverse-path checks of multicast use.
+struct MulticastRouteRule {
+  TableName table;
+  uint32_t addr = 0;  // host order
+  uint8_t len = 0;
+  uint32_t metric = 0;
+  std::vector<MulticastNextHop> next_hops;  // at least one
+  bool operator==(const MulticastRouteRule &) const = default;
+};
+
+// What `from` has for the prefix is visible in `to`.
+struct LeakRule {
+  uint32_t addr = 0;  // host order
+  uint8_t len = 0;
+  TableName from, to;
+  bool operator==(const LeakRule &) const = default;
+};
+
 struct Configuration {
   std::vector<ContextRule> contexts;  // in the file's order: the first rule that matches an interface has it
   std::vector<VipRule> vips;
   std::vector<UnnumberedRule> unnumbered;
+  std::vector<MulticastRouteRule> multicast_routes;
+  std::vector<LeakRule> leaks;
   uint32_t router_id = 0;        // of the default context
   std::optional<int> log_level;  // as in syslog(3)
   bool operator==(const Configuration &) const = default;
@@ -55,6 +89,8 @@ inline constexpr uint32_t main_table = 254;
 // What --check prints: every value that is in force, one per line.
 [[nodiscard]] std::string describe(const Configuration &configuration);
 
+// "10.0.0.0/8" -> host order and length; nothing too when there are bits beyond the length.
+[[nodiscard]] std::optional<std::pair<uint32_t, uint8_t>> parse_prefix(std::string_view text);
 // "10.0.0.1" <-> host order.
 [[nodiscard]] std::optional<uint32_t> parse_address(std::string_view text);
 [[nodiscard]] std::string print_address(uint32_t address);

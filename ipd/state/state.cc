@@ -257,6 +257,7 @@ void State::set_interface(const Picture &picture, uint32_t ifindex, bool compare
       by_name_[want->name] = ifindex;
       names_changed_ = true;
     }
+    if (told->second.state.context_id != want->context_id) ++surroundings_version_;
     told->second.state = *want;
   }
   if (compare) compare_addresses(picture.addresses(ifindex), ifindex, told->second);
@@ -335,6 +336,26 @@ void State::apply_unnumbered() {
   }
 }
 
+RouteSurroundings State::surroundings() const {
+  RouteSurroundings out;
+  std::set<uint32_t> of_vrfs;
+  for (const auto &[ifindex, id] : plan_.of_vrf) of_vrfs.insert(id);
+  for (const auto &[id, context] : contexts_) {
+    out.context_tables[context.name] = context.table_id;
+    if (id != default_context_id && !of_vrfs.contains(id)) out.policy_tables.insert(context.table_id);
+  }
+  for (const auto &[ifindex, told] : interfaces_) {
+    const auto context = contexts_.find(told.state.context_id);
+    const auto vrf = vrfs_.find(ifindex);
+    out.interfaces[ifindex] = {.iod = publisher_.iod(ifindex),
+                               .table = context == contexts_.end() ? 0 : context->second.table_id,
+                               .vrf_table = vrf == vrfs_.end() ? 0 : vrf->second.vrf_table};
+  }
+  out.interface_names = by_name_;
+  out.vips = vips_;
+  return out;
+}
+
 bool State::update(const Picture &picture, kernel::Changes changes) {
   const bool vrfs_changed = watch_vrfs(picture, changes);
   const bool plan_changed = vrfs_changed || configured_anew_;
@@ -366,6 +387,7 @@ bool State::update(const Picture &picture, kernel::Changes changes) {
   if (changes.everything) remove_stale_contexts();
   if (names_changed_) {
     names_changed_ = false;
+    ++surroundings_version_;
     apply_vips();
     apply_unnumbered();
   }

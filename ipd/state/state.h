@@ -15,6 +15,7 @@
 #include "ipd/kernel/picture.h"
 #include "ipd/publish/publisher.h"
 #include "ipd/state/contexts.h"
+#include "ipd/state/routes.h"
 
 namespace ipd {
 
@@ -29,6 +30,10 @@ class State {
   // earlier (logged); it is tried again when everything is compared next, which retry_due() asks for.
   bool update(const kernel::Picture &picture, kernel::Changes changes);
   [[nodiscard]] bool retry_due() const { return refused_; }
+
+  // What routes need to know of it; another number: it may have changed.
+  [[nodiscard]] uint64_t surroundings_version() const { return surroundings_version_; }
+  [[nodiscard]] RouteSurroundings surroundings() const;
 
  private:
   using AddressId = std::pair<uint32_t, uint8_t>;  // addr, mask_len
@@ -79,6 +84,7 @@ class State {
   std::set<std::pair<uint32_t, uint32_t>> vips_;  // told: ifindex, addr
   std::map<uint32_t, Loan> loans_;                // told, by the borrower's ifindex
   bool names_changed_ = true;                     // an interface came, went or was renamed
+  uint64_t surroundings_version_ = 1;
   bool refused_ = false;
   uint64_t refusals_ = 0;
 };
