@@ -9,6 +9,10 @@
 // until then: so the first commit waits until the picture is whole. From then on each batch of events is committed at
 // once.
 //
+// Routes have a segment of their own and come from a socket of their own. We are live when they are whole too, but not
+// later than a while after everything else; and when their segment or their socket cannot be had, everything else is
+// served without them.
+//
 // Stopping lets go of the lock and of our mappings and removes nothing: clients that are attached go on with the last
 // state, and the next ipd takes the segments over. `ipd --remove` takes the segment's name away when that is wanted.
 //
@@ -36,6 +40,7 @@ namespace {
 constexpr auto tick_period = std::chrono::milliseconds(250);
 constexpr auto simulation_period = std::chrono::milliseconds(1);
 constexpr auto retry_period = std::chrono::seconds(5);
+constexpr auto patience_for_routes = std::chrono::seconds(20);
 constexpr uint64_t commit_each_below = 16;  // simulated changes in one round
 
 uint64_t monotonic_microseconds() {
@@ -77,8 +82,12 @@ int IpProcess::prepare() {
   if (!rsw::mtrack_open_for_writing(&reason)) log_line(LOG_WARNING, "%s", reason.c_str());
   ids_.emplace(rsw::run_directory() + "/ipd.contexts");
   ids_->load();
-  publisher_ = Publisher::open(&reason);
+  epochs_ = rsw::Epochs::open(&reason);
+  if (epochs_ == nullptr) return fail(reason);
+  publisher_ = Publisher::open(*epochs_, &reason);
   if (publisher_ == nullptr) return fail(reason);
+  routes_ = RouteFeed::open(*epochs_, &reason);
+  if (routes_ == nullptr) log_line(LOG_ERR, "no routes are served: %s", reason.c_str());
   loop_->on_signal([this](int number) {
     if (number == SIGHUP) return reload();
     log_line(LOG_NOTICE, "stopping");
@@ -98,7 +107,25 @@ int IpProcess::open_kernel() {
                                 kernel_->descriptor(), [this] { read_kernel(); }, &reason)) {
     return fail(reason);
   }
+  follow_routes();
   return exit_clean;
+}
+
+void IpProcess::follow_routes() {
+  if (routes_ == nullptr) return;
+  std::string reason;
+  routes_->configure(configuration_);
+  if (!routes_->follow_kernel(options_.receive_buffer, &reason) ||
+      !loop_->watch(
+          routes_->descriptor(), [this] { read_routes(); }, &reason)) {
+    drop_routes(reason);
+  }
+}
+
+// What is published of them stays as it is.
+void IpProcess::drop_routes(const std::string &reason) {
+  log_line(LOG_ERR, "routes are not followed: %s", reason.c_str());
+  routes_.reset();
 }
 
 int IpProcess::open_simulation() {
@@ -120,6 +147,7 @@ int IpProcess::open_simulation() {
   fputs(print_report(report, options_.json).c_str(), stdout);
   fflush(stdout);
   load_began_ = Clock::now();
+  if (routes_ != nullptr && !routes_->simulate(plan_->routes, publisher_->iod(1), &reason)) return fail(reason);
   if (plan_->changes_per_second > 0) loop_->every(simulation_period, [this] { simulate_changes(); });
   go_live();
   return status_;
@@ -134,8 +162,9 @@ void IpProcess::go_live() {
   }
   attached_ = true;
   const PublisherUse use = publisher_->use();
-  log_line(LOG_NOTICE, "live: %u contexts, %u interfaces, %u addresses in %s after %.3f s", use.contexts,
-           use.interfaces, use.addresses, rsw::run_directory().c_str(),
+  const uint64_t routes = routes_ == nullptr ? 0 : routes_->routes();
+  log_line(LOG_NOTICE, "live: %u contexts, %u interfaces, %u addresses, %llu routes in %s after %.3f s", use.contexts,
+           use.interfaces, use.addresses, static_cast<unsigned long long>(routes), rsw::run_directory().c_str(),
            std::chrono::duration<double>(Clock::now() - started_).count());
   notify_service_manager("READY=1");
   live_();
@@ -143,10 +172,31 @@ void IpProcess::go_live() {
 }
 
 void IpProcess::publish_changes() {
-  if (!kernel_->mirror().complete() || (is_live_ && picture_.changes().empty())) return;
+  if (!kernel_->mirror().complete() || (is_published_ && picture_.changes().empty())) return;
   if (!state_->update(picture_, picture_.take_changes())) next_retry_ = Clock::now() + retry_period;
   publisher_->tick(Clock::now());
-  if (!is_live_) go_live();
+  if (!is_published_) published_at_ = Clock::now();
+  is_published_ = true;
+  publish_routes();
+}
+
+void IpProcess::publish_routes() {
+  if (!is_published_) return;
+  if (routes_ != nullptr) routes_->publish(*state_);
+  go_live_when_whole();
+}
+
+void IpProcess::go_live_when_whole() {
+  if (is_live_ || !is_published_) return;
+  const bool whole = routes_ == nullptr || routes_->complete();
+  if (whole || Clock::now() - published_at_ > patience_for_routes) go_live();
+}
+
+void IpProcess::read_routes() {
+  if (routes_ == nullptr) return;
+  std::string reason;
+  if (!routes_->read(&reason)) drop_routes(reason);
+  publish_routes();
 }
 
 void IpProcess::read_kernel() {
@@ -192,6 +242,8 @@ void IpProcess::reload() {
       state_->configure(configuration_);
       state_->update(picture_, picture_.take_changes());
     }
+    if (routes_ != nullptr) routes_->configure(configuration_);
+    if (kernel_ != nullptr) publish_routes();
     log_line(LOG_NOTICE, "configuration read again");
   }
   notify_service_manager("READY=1");
@@ -227,6 +279,8 @@ void IpProcess::tick() {
       state_->update(picture_, std::move(all));
     }
   }
+  if (routes_ != nullptr) routes_->tick(now);
+  if (kernel_ != nullptr) publish_routes();
   publisher_->tick(now);
 }
 

@@ -16,8 +16,10 @@
 #include "ipd/options.h"
 #include "ipd/process/run_lock.h"
 #include "ipd/publish/publisher.h"
+#include "ipd/route_feed.h"
 #include "ipd/simulate/simulation.h"
 #include "ipd/state/state.h"
+#include "tsp/epochs.h"
 
 namespace ipd {
 
@@ -38,8 +40,13 @@ class IpProcess {
   int prepare();
   int open_kernel();
   int open_simulation();
+  void follow_routes();
+  void drop_routes(const std::string &reason);
   void read_kernel();
+  void read_routes();
   void publish_changes();
+  void publish_routes();
+  void go_live_when_whole();
   void simulate_changes();
   void go_live();
   void reload();
@@ -53,13 +60,17 @@ class IpProcess {
   std::unique_ptr<EventLoop> loop_;
   std::unique_ptr<RunLock> lock_;
   std::optional<ContextIds> ids_;
+  std::unique_ptr<rsw::Epochs> epochs_;
   std::unique_ptr<Publisher> publisher_;
+  std::unique_ptr<RouteFeed> routes_;  // null: they cannot be served
   kernel::Picture picture_;
   std::unique_ptr<kernel::Rtnetlink> kernel_;
   std::optional<State> state_;
   std::optional<SimulationPlan> plan_;
   std::unique_ptr<Simulation> simulation_;
   bool is_live_ = false;
+  bool is_published_ = false;  // all but routes, once at least
+  Clock::time_point published_at_{};
   bool attached_ = false;  // we are a user of our own library
   int status_ = exit_clean;
   Clock::time_point started_{};

@@ -58,8 +58,8 @@ uint64_t resident_bytes() {
 
 SimulationPlan read_plan(std::string_view text) {
   const nlohmann::json json = parse_json(text);
-  const JsonObject object(json, "",
-                          {"contexts", "interfaces", "addresses", "changes_per_second", "measured_changes", "seed"});
+  const JsonObject object(
+      json, "", {"contexts", "interfaces", "addresses", "routes", "changes_per_second", "measured_changes", "seed"});
   SimulationPlan plan;
   const auto number = [&object](const char *key, uint32_t least, uint32_t most, uint32_t &value) {
     if (const auto given = object.number(key, least, most)) value = static_cast<uint32_t>(*given);
@@ -67,6 +67,7 @@ SimulationPlan read_plan(std::string_view text) {
   number("contexts", 1, 4096, plan.contexts);
   number("interfaces", 1, 1000000, plan.interfaces);
   number("addresses", 0, 4000000, plan.addresses);
+  number("routes", 0, 2000000, plan.routes);
   number("changes_per_second", 0, 1000000, plan.changes_per_second);
   number("measured_changes", 0, 10000000, plan.measured_changes);
   plan.seed = object.number("seed", 0, UINT64_MAX).value_or(plan.seed);

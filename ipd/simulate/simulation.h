@@ -20,6 +20,7 @@ struct SimulationPlan {
   uint32_t contexts = 1;
   uint32_t interfaces = 16;
   uint32_t addresses = 64;
+  uint32_t routes = 0;
   uint32_t changes_per_second = 0;
   uint32_t measured_changes = 10000;
   uint64_t seed = 1;
