@@ -171,6 +171,7 @@ std::optional<Route> Routes::route_of(const RoutePicture &picture, uint32_t kern
     if (found.known && route.next_hops.size() < most_next_hops) route.next_hops.push_back(found.hop);
   }
   if (route.next_hops.empty()) return std::nullopt;
+  if (route.next_hops.size() == 1) route.next_hops[0].weight = 1;  // it shares with nobody
   return route;
 }
 

@@ -51,21 +51,24 @@ bool has_flag(const json &object, const char *flag) {
   return std::find(flags.begin(), flags.end(), flag) != flags.end();
 }
 
-std::string hop_line(const json &hop) {
+std::string hop_line(const json &hop, uint32_t weight) {
   const bool ipv6 = hop.contains("via") && hop["via"].value("family", "") == "inet6";
   return "\n    " + hop.value("dev", "?") + " " + std::to_string(host_order(hop.value("gateway", ""))) + " weight " +
-         std::to_string(hop.value("weight", 1)) + (ipv6 ? " ipv6" : "");
+         std::to_string(weight) + (ipv6 ? " ipv6" : "");
 }
 
+// Of a single hop ip(8) does not always know the weight, and it means nothing.
 std::vector<std::string> live_hops(const json &route) {
-  std::vector<std::string> lines;
+  std::vector<json> live;
   if (route.contains("nexthops")) {
     for (const json &hop : route["nexthops"]) {
-      if (!has_flag(hop, "dead")) lines.push_back(hop_line(hop));
+      if (!has_flag(hop, "dead")) live.push_back(hop);
     }
   } else if (!has_flag(route, "dead")) {
-    lines.push_back(hop_line(route));
+    live.push_back(route);
   }
+  std::vector<std::string> lines;
+  for (const json &hop : live) lines.push_back(hop_line(hop, live.size() == 1 ? 1 : hop.value("weight", 1u)));
   return lines;
 }
 
