@@ -231,6 +231,30 @@ TEST_F(IpdRoutesTest, AVirtualAddressIsActiveWhileTheKernelHasIt) {
   EXPECT_TRUE(wait_until([] { return !route(main_table, vip, 32); }));
 }
 
+TEST_F(IpdRoutesTest, ARestartedProcessServesTheRoutesOfItsOwnTime) {
+  ip("route add 20.0.0.0/8 via 10.1.0.2");
+  ip("route add 21.0.0.0/8 via 10.1.0.2 table 99");
+  serve();
+  expect_same_routes();
+  ipd_.kill_now();
+  EXPECT_TRUE(route(main_table, 0x14000000, 8)) << "what it left is there";
+  ip("route del 20.0.0.0/8");
+  ip("route flush table 99");
+  ip("route add 22.0.0.0/8 via 10.2.0.2");
+  start_ipd();
+  expect_same_routes();
+}
+
+TEST_F(IpdRoutesTest, EverythingElseIsServedWithoutASegmentForRoutes) {
+  ASSERT_EQ(test_support::run({"/bin/mkdir", run_directory_.path() + "/urib"}), 0);
+  start_ipd();
+  attach();
+  EXPECT_TRUE(ipd_said("cannot commit routes") || ipd_said("no routes are served")) << ipd_.output();
+  expect_same_as_kernel();
+  ip("addr add 10.9.0.1/24 dev va");
+  expect_same_as_kernel();
+}
+
 TEST_F(IpdRoutesTest, ARouteIsVisibleWithinTenMilliseconds) {
   serve();
   test_support::AddressChanger changer;
