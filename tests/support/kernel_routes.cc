@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -137,6 +138,28 @@ KernelAnswer KernelRoutes::ask(const KernelQuestion &question, bool match) {
   const ssize_t got = recv(fd_, answer, sizeof answer, 0);
   if (got < 0) throw std::runtime_error("the kernel does not answer");
   return parse(Bytes(answer, static_cast<size_t>(got)));
+}
+
+KernelRouteNews::KernelRouteNews() : fd_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)) {
+  sockaddr_nl groups{};
+  groups.nl_family = AF_NETLINK;
+  groups.nl_groups = RTMGRP_IPV4_ROUTE;
+  if (fd_ < 0 || bind(fd_, reinterpret_cast<const sockaddr *>(&groups), sizeof groups) != 0) {
+    throw std::runtime_error("netlink socket");
+  }
+}
+
+KernelRouteNews::~KernelRouteNews() {
+  close(fd_);
+}
+
+void KernelRouteNews::wait(std::chrono::milliseconds most) {
+  pollfd ready{fd_, POLLIN, 0};
+  poll(&ready, 1, static_cast<int>(most.count()));
+  uint8_t ignored[16384];
+  // News that did not fit into the buffer are an error here, and news as well.
+  while (recv(fd_, ignored, sizeof ignored, 0) > 0 || errno == ENOBUFS) {
+  }
 }
 
 }  // namespace test_support

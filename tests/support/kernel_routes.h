@@ -3,6 +3,7 @@
 #ifndef TESTS_SUPPORT_KERNEL_ROUTES_H
 #define TESTS_SUPPORT_KERNEL_ROUTES_H
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -51,6 +52,20 @@ class KernelRoutes {
   KernelAnswer ask(const KernelQuestion &question, bool match);
   int fd_;
   uint32_t sequence_ = 0;
+};
+
+// News of IPv4 routes, so that a test that waits for a routing protocol does not ask all the time.
+class KernelRouteNews {
+ public:
+  KernelRouteNews();
+  ~KernelRouteNews();
+  KernelRouteNews(const KernelRouteNews &) = delete;
+  KernelRouteNews &operator=(const KernelRouteNews &) = delete;
+  // Returns when some route has changed since the last call, or when this time has passed.
+  void wait(std::chrono::milliseconds most);
+
+ private:
+  int fd_;
 };
 
 }  // namespace test_support
