@@ -35,6 +35,8 @@ struct Level {
 constexpr std::array<Level, 5> levels{
     {{"error", LOG_ERR}, {"warning", LOG_WARNING}, {"notice", LOG_NOTICE}, {"info", LOG_INFO}, {"debug", LOG_DEBUG}}};
 
+constexpr std::array<const char *, 4> load_share_modes{"l3", "l4", "inner-l3", "custom"};
+
 std::string item_path(const char *list, size_t index) {
   return std::string(list) + "[" + std::to_string(index) + "]";
 }
@@ -140,6 +142,17 @@ int read_level(const JsonObject &object, const std::string &text) {
   object.refuse("log_level", "must be \"error\", \"warning\", \"notice\", \"info\" or \"debug\"");
 }
 
+LoadShareRule read_load_share(const JsonObject &object) {
+  const std::string mode = object.required_text("mode", 255);
+  LoadShareRule rule;
+  while (rule.mode < load_share_modes.size() && mode != load_share_modes[rule.mode]) ++rule.mode;
+  if (rule.mode == load_share_modes.size()) {
+    object.refuse("mode", "must be \"l3\", \"l4\", \"inner-l3\" or \"custom\"");
+  }
+  rule.value = static_cast<uint32_t>(object.number("value", 0, 0xffffffff).value_or(0));
+  return rule;
+}
+
 template <class Read>
 void read_list(const JsonObject &object, const char *key, std::initializer_list<std::string_view> known, Read read,
                Configuration &configuration) {
@@ -149,11 +162,15 @@ void read_list(const JsonObject &object, const char *key, std::initializer_list<
 
 Configuration read_configuration(std::string_view text) {
   const nlohmann::json json = parse_json(text);
-  const JsonObject object(json, "",
-                          {"contexts", "vips", "unnumbered", "multicast_routes", "leaks", "router_id", "log_level"});
+  const JsonObject object(
+      json, "",
+      {"contexts", "vips", "unnumbered", "multicast_routes", "leaks", "router_id", "log_level", "load_share"});
   Configuration configuration;
   configuration.router_id = read_router_id(object);
   if (const auto level = object.text("log_level", 255)) configuration.log_level = read_level(object, *level);
+  if (object.has("load_share")) {
+    configuration.load_share = read_load_share(JsonObject(json["load_share"], "load_share", {"mode", "value"}));
+  }
   read_list(object, "contexts", {"name", "id", "table", "router_id", "interfaces"}, read_context, configuration);
   read_list(object, "vips", {"interface", "address"}, read_vip, configuration);
   read_list(object, "unnumbered", {"interface", "source"}, read_unnumbered, configuration);
@@ -208,6 +225,9 @@ std::string describe(const Configuration &configuration) {
   if (configuration.router_id != 0) out += "router id " + print_address(configuration.router_id) + "\n";
   for (const Level &level : levels) {
     if (configuration.log_level == level.value) out += std::string("log level ") + level.name + "\n";
+  }
+  if (const auto &rule = configuration.load_share) {
+    out += std::string("load share ") + load_share_modes[rule->mode] + " value " + std::to_string(rule->value) + "\n";
   }
   for (const ContextRule &rule : configuration.contexts) {
     out += "context " + rule.name;

@@ -65,6 +65,12 @@ struct LeakRule {
   bool operator==(const LeakRule &) const = default;
 };
 
+struct LoadShareRule {  // how equal-cost paths share the load
+  uint8_t mode = 0;     // in the kernel's order: 0 "l3", 1 "l4", 2 "inner-l3", 3 "custom"
+  uint32_t value = 0;
+  bool operator==(const LoadShareRule &) const = default;
+};
+
 struct Configuration {
   std::vector<ContextRule> contexts;  // in the file's order: the first rule that matches an interface has it
   std::vector<VipRule> vips;
@@ -73,6 +79,7 @@ struct Configuration {
   std::vector<LeakRule> leaks;
   uint32_t router_id = 0;        // of the default context
   std::optional<int> log_level;  // as in syslog(3)
+  std::optional<LoadShareRule> load_share;
   bool operator==(const Configuration &) const = default;
 };
 

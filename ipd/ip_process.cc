@@ -28,6 +28,7 @@
 #include <numeric>
 
 #include "ip_api.h"
+#include "ipd/kernel/load_share.h"
 #include "ipd/process/log.h"
 #include "ipd/process/service.h"
 #include "mtrack/mtrack_writer.h"
@@ -108,6 +109,20 @@ int IpProcess::open_kernel() {
     return fail(reason);
   }
   follow_routes();
+  return open_multicast();
+}
+
+int IpProcess::open_multicast() {
+  std::string reason;
+  multicast_ = kernel::Multicast::open(&reason);
+  if (multicast_ == nullptr || !loop_->watch(
+                                   multicast_->descriptor(), [this] { read_multicast(); }, &reason)) {
+    return fail(reason);
+  }
+  multicast_state_.emplace(*publisher_, multicast_->groups());
+  state_->before_commit([this](const std::set<uint32_t> &ifindexes) {
+    if (multicast_state_->interfaces_changed(ifindexes)) multicast_->refresh();
+  });
   return exit_clean;
 }
 
@@ -172,7 +187,9 @@ void IpProcess::go_live() {
 }
 
 void IpProcess::publish_changes() {
-  if (!kernel_->mirror().complete() || (is_published_ && picture_.changes().empty())) return;
+  const bool whole = kernel_->mirror().complete() && multicast_->complete();
+  if (!whole || (is_published_ && picture_.changes().empty())) return;
+  if (!is_published_) share_load();
   if (!state_->update(picture_, picture_.take_changes())) next_retry_ = Clock::now() + retry_period;
   publisher_->tick(Clock::now());
   if (!is_published_) published_at_ = Clock::now();
@@ -207,6 +224,30 @@ void IpProcess::read_kernel() {
     return loop_->stop();
   }
   publish_changes();
+}
+
+void IpProcess::read_multicast() {
+  std::string reason;
+  if (!multicast_->read(&reason)) {
+    status_ = fail(reason);
+    return loop_->stop();
+  }
+  if (!is_published_) return publish_changes();
+  if (multicast_state_->tell_groups() && !publisher_->commit()) {
+    log_line(LOG_ERR, "cannot commit groups: %s", publisher_->last_error().c_str());
+  }
+  if (multicast_->counts_read() == counts_told_) return;
+  counts_told_ = multicast_->counts_read();
+  multicast_state_->tell_counters(multicast_->counts());
+  publisher_->commit();
+}
+
+// The configuration's word, else the kernel's, which makes no event of it.
+void IpProcess::share_load() {
+  const kernel::LoadShare kernels = kernel::read_load_share();
+  const LoadShareRule rule =
+      configuration_.load_share.value_or(LoadShareRule{.mode = kernels.mode, .value = kernels.value});
+  publisher_->set_load_share(rule.mode, rule.value);
 }
 
 void IpProcess::simulate_changes() {
@@ -271,7 +312,14 @@ void IpProcess::tick() {
   const auto now = Clock::now();
   if (kernel_ != nullptr) {
     kernel_->tick(now);
+    multicast_->tick(now);
     report_losses();
+    if (is_published_) {
+      share_load();
+      publisher_->commit();
+    } else {
+      publish_changes();  // groups that were read without an event
+    }
     if (is_live_ && state_->retry_due() && now >= next_retry_) {
       next_retry_ = now + retry_period;
       kernel::Changes all = picture_.take_changes();

@@ -12,12 +12,14 @@
 
 #include "ipd/config.h"
 #include "ipd/event_loop.h"
+#include "ipd/kernel/multicast.h"
 #include "ipd/kernel/rtnetlink.h"
 #include "ipd/options.h"
 #include "ipd/process/run_lock.h"
 #include "ipd/publish/publisher.h"
 #include "ipd/route_feed.h"
 #include "ipd/simulate/simulation.h"
+#include "ipd/state/multicast.h"
 #include "ipd/state/state.h"
 #include "tsp/epochs.h"
 
@@ -44,6 +46,9 @@ class IpProcess {
   void drop_routes(const std::string &reason);
   void read_kernel();
   void read_routes();
+  int open_multicast();
+  void read_multicast();
+  void share_load();
   void publish_changes();
   void publish_routes();
   void go_live_when_whole();
@@ -65,7 +70,10 @@ class IpProcess {
   std::unique_ptr<RouteFeed> routes_;  // null: they cannot be served
   kernel::Picture picture_;
   std::unique_ptr<kernel::Rtnetlink> kernel_;
+  std::unique_ptr<kernel::Multicast> multicast_;
   std::optional<State> state_;
+  std::optional<MulticastState> multicast_state_;
+  uint64_t counts_told_ = 0;  // of multicast_->counts_read()
   std::optional<SimulationPlan> plan_;
   std::unique_ptr<Simulation> simulation_;
   bool is_live_ = false;

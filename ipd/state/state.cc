@@ -13,7 +13,8 @@
 //   4. interfaces are set (a change of context moves them), then their addresses;
 //   5. contexts that nobody wants any more go;
 //   6. virtual addresses and loans of the configuration follow the interfaces that their names mean now;
-//   7. commit.
+//   7. who publishes more about interfaces is told which were touched;
+//   8. commit.
 //
 // A refusal of the publisher (a full table) is logged, counts as not told, and everything is compared again later.
 #include "ipd/state/state.h"
@@ -391,6 +392,7 @@ bool State::update(const Picture &picture, kernel::Changes changes) {
     apply_vips();
     apply_unnumbered();
   }
+  if (before_commit_) before_commit_(touched);
   accepted(publisher_.commit(), "commit", "the batch");
   return !refused_;
 }

@@ -4,6 +4,7 @@
 #define IPD_STATE_STATE_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -25,6 +26,11 @@ class State {
 
   // Takes effect at the next update(), which then compares everything.
   void configure(Configuration configuration);
+  // Called in each update() before its commit, with the interfaces that may have come, changed or gone: for those who
+  // publish more about them.
+  void before_commit(std::function<void(const std::set<uint32_t> &ifindexes)> call) {
+    before_commit_ = std::move(call);
+  }
 
   // Publishes what `changes` name and commits, once for the whole batch. False: the publisher refused something, now or
   // earlier (logged); it is tried again when everything is compared next, which retry_due() asks for.
@@ -85,6 +91,7 @@ class State {
   std::map<uint32_t, Loan> loans_;                // told, by the borrower's ifindex
   bool names_changed_ = true;                     // an interface came, went or was renamed
   uint64_t surroundings_version_ = 1;
+  std::function<void(const std::set<uint32_t> &)> before_commit_;
   bool refused_ = false;
   uint64_t refusals_ = 0;
 };
