@@ -9,11 +9,39 @@
 #include <cstring>
 #include <memory>
 
+#include "ipd/kernel/groups.h"
 #include "ipd/kernel/mirror.h"
+#include "ipd/kernel/multicast_parse.h"
 #include "ipd/kernel/parse.h"
 #include "ipd/kernel/picture.h"
 
 namespace {
+
+// The reader of multicast messages on the same bytes, with what it may never tell.
+struct Multicast final : ipd::kernel::MulticastSink {
+  void group(uint32_t, const ipd::kernel::GroupMessage &message) override {
+    if (message.ifindex == 0 || message.group >> 28 != 0xe) abort();
+    if (message.left) {
+      groups.event(message);
+    } else {
+      groups.dump_entry(message);
+    }
+  }
+  void received(uint32_t, uint32_t ifindex, uint64_t) override {
+    if (ifindex == 0) abort();
+  }
+  void forwarded(uint32_t, uint32_t ifindex, const ipd::kernel::ForwardingCounts &) override {
+    if (ifindex == 0) abort();
+  }
+  void interrupted(uint32_t) override { groups.begin_dump(); }
+  void end_of_dump(uint32_t, int error) override {
+    if (error < 0) abort();
+    groups.end_dump();
+  }
+  void malformed() override {}
+
+  ipd::kernel::Groups groups;
+};
 
 struct Answered final : ipd::kernel::Requests {
   bool request_dump(ipd::kernel::DumpOf, uint32_t) override { return true; }
@@ -37,6 +65,7 @@ void check(const ipd::kernel::Picture &picture) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   using Clock = ipd::kernel::Mirror::Clock;
   ipd::kernel::Picture picture;
+  Multicast multicast;
   Answered requests;
   ipd::kernel::Mirror mirror(picture, requests);
   mirror.set_port(1);
@@ -49,6 +78,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::unique_ptr<std::byte[]> datagram(new std::byte[length]);
     if (length > 0) memcpy(datagram.get(), data + 2, length);
     ipd::kernel::parse({datagram.get(), length}, mirror);
+    ipd::kernel::parse_multicast({datagram.get(), length}, multicast);
+    ipd::kernel::parse_igmp({reinterpret_cast<const char *>(datagram.get()), length},
+                            [&multicast](const auto &message) { multicast.group(0, message); });
     if ((then & 1) != 0) mirror.drained(now);
     if ((then & 6) == 6) mirror.overrun();
     if ((then & 8) != 0) mirror.tick(now + std::chrono::seconds(then));

@@ -33,10 +33,12 @@ TEST(Config, EveryKeyIsRead) {
       {"name": "lab", "id": 7, "table": 100, "router_id": "192.0.2.7", "interfaces": ["eth1", "veth*"]}
     ],
     "vips": [{"interface": "eth0", "address": "198.51.100.9"}],
-    "unnumbered": [{"interface": "tun0", "source": "lo"}]
+    "unnumbered": [{"interface": "tun0", "source": "lo"}],
+    "load_share": {"mode": "custom", "value": 7}
   })",
                                                  "f", &reason);
   ASSERT_TRUE(configuration) << reason;
+  EXPECT_EQ(configuration->load_share, (LoadShareRule{.mode = 3, .value = 7}));
   EXPECT_EQ(configuration->router_id, 0xc0000201u);
   EXPECT_EQ(configuration->log_level, LOG_DEBUG);
   ASSERT_EQ(configuration->contexts.size(), 2u);
@@ -52,12 +54,14 @@ TEST(Config, WhatIsInForceIsDescribed) {
   const auto configuration = parse_configuration(
       R"({"router_id": "192.0.2.1", "log_level": "info", "contexts": [{"name": "lab", "id": 7, "table": 100,
           "router_id": "192.0.2.7", "interfaces": ["eth1", "veth*"]}], "vips": [{"interface": "eth0",
-          "address": "198.51.100.9"}], "unnumbered": [{"interface": "tun0", "source": "lo"}]})",
+          "address": "198.51.100.9"}], "unnumbered": [{"interface": "tun0", "source": "lo"}],
+          "load_share": {"mode": "l4"}})",
       "f", &reason);
   ASSERT_TRUE(configuration) << reason;
   EXPECT_EQ(describe(*configuration),
             "router id 192.0.2.1\n"
             "log level info\n"
+            "load share l4 value 0\n"
             "context lab id 7 table 100 router id 192.0.2.7 interfaces eth1 veth*\n"
             "virtual address 198.51.100.9 on eth0\n"
             "unnumbered tun0 borrows from lo\n");
@@ -83,6 +87,10 @@ const Mistake mistakes[] = {
     {"Unfinished", R"({"vips": [)", "line 1, column "},
     {"TrailingText", "{} {}", "line 1, column "},
     {"TooDeep", "[[[[[[[[[[[[[[[[[[[[[[[[]]]]]]]]]]]]]]]]]]]]]]]]", "nested too deeply"},
+    {"LoadShareNotAnObject", R"({"load_share": "l4"})", "load_share: must be an object { }"},
+    {"LoadShareWithoutMode", R"({"load_share": {"value": 1}})", "load_share.mode: missing"},
+    {"LoadShareOfNoMode", R"({"load_share": {"mode": "l5"}})",
+     "load_share.mode: must be \"l3\", \"l4\", \"inner-l3\" or \"custom\""},
     {"ContextsNotAList", R"({"contexts": {}})", "contexts: must be a list [ ]"},
     {"VipsNotAList", R"({"vips": "eth0"})", "vips: must be a list [ ]"},
     {"UnnumberedNotAList", R"({"unnumbered": 4})", "unnumbered: must be a list [ ]"},

@@ -7,11 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
+#include <memory>
 #include <vector>
 
 #include "im.h"
 #include "ip_api.h"
+#include "ipd/publish/publisher.h"
 #include "ipd_fixture.h"
 
 namespace {
@@ -216,6 +217,33 @@ TEST_F(IpdGroupsTest, GroupsAreThereThroughAKillAndARestart) {
   start_ipd();
   EXPECT_EQ(iod("va"), there);
   EXPECT_EQ(groups_of(there), (Groups{all_hosts, stream, stream + 1})) << "when ipd says that it is live";
+}
+
+// Nothing but a publisher counts asserts yet: this one stands for the ipd that was there before.
+TEST_F(IpdGroupsTest, TheCountOfPimAssertsOutlivesKillsAndRestarts) {
+  {
+    std::string reason;
+    const auto earlier = ipd::Publisher::open(&reason);
+    ASSERT_NE(earlier, nullptr) << reason;
+    ipd::InterfaceState loopback{};
+    loopback.ifindex = 1;
+    loopback.name = "lo";
+    loopback.loopback = true;
+    loopback.context_id = 1;
+    ASSERT_TRUE(earlier->set_context({.id = 1, .name = "default", .table_id = 254, .router_id = 0}));
+    ASSERT_TRUE(earlier->set_interface(loopback));
+    ASSERT_TRUE(earlier->set_pim_asserts(1, 4711));
+    ASSERT_TRUE(earlier->commit());
+  }
+  start_ipd();
+  attach();
+  EXPECT_EQ(ip_get_pim_assert_sent_count(iod("lo")), 4711u);
+  ipd_.signal(SIGKILL);
+  ipd_.wait();
+  EXPECT_EQ(ip_get_pim_assert_sent_count(iod("lo")), 4711u);
+  start_ipd();
+  EXPECT_EQ(ip_get_pim_assert_sent_count(iod("lo")), 4711u);
+  EXPECT_EQ(groups_of(iod("lo")), Groups{all_hosts});
 }
 
 TEST_F(IpdGroupsTest, TheLoadShareSettingIsTheKernelsUnlessItIsConfigured) {

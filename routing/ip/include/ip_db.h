@@ -53,7 +53,7 @@ static_assert(offsetof(struct ip_addrtype, mask_len) == 8, "");
 struct ip_maddrtype {
   IP_SHM_PTR(struct ip_maddrtype) next;
   uint32_t group;       // host order
-  uint32_t group_data;  // handed on with the group
+  uint32_t group_data;  // handed on with the group; 0 for a group that the kernel's sockets have joined
 };
 static_assert(sizeof(struct ip_maddrtype) == 12, "");
 static_assert(offsetof(struct ip_maddrtype, group) == 4, "");
@@ -72,9 +72,15 @@ struct ip_counter64 {
 };
 static_assert(sizeof(struct ip_counter64) == 8, "");
 
-// The statistics block of an interface; longer in memory. It begins at a multiple of 8. Which traffic each counter
-// counts is the IP process's to say; the numbers are those of the arguments of ip_get_mcast_pkt_stats_orig and
-// ip_get_mcast_byte_stats_orig.
+// The statistics block of an interface; longer in memory. It begins at a multiple of 8. The numbers are those of the
+// arguments of ip_get_mcast_pkt_stats_orig and ip_get_mcast_byte_stats_orig; the traffic that they count:
+//
+//   packets 1           multicast packets received, as the link counts them
+//   packets 2, bytes 1  multicast packets that came in by the interface to be forwarded
+//   packets 3, bytes 2  multicast packets that were forwarded out of the interface
+//   packets 4, 5        nothing yet: 0
+//
+// They only grow, modulo their width, as long as the interface lives.
 struct ip_if_stats {
   uint32_t owner0[146];
   uint32_t mcast_packets1;
