@@ -23,6 +23,7 @@ using test_support::wait_until;
 
 const std::string native = NATIVE_BIN;
 constexpr int destinations = 1000;
+constexpr unsigned seed = 3232;
 
 class MixedWidthRoutes : public testing::Test {
  protected:
@@ -42,9 +43,21 @@ class MixedWidthRoutes : public testing::Test {
                "\n";
     }
     batch(lines);
+    start_ipd();
+    write_questions();
+  }
+
+  void start_ipd() {
     ipd_ = Process({native + "/ipd", "--foreground"});
     ASSERT_TRUE(wait_until([this] { return ipd_.output().find("live:") != std::string::npos || !ipd_.running(); }));
     ASSERT_TRUE(ipd_.running()) << ipd_.output();
+  }
+
+  void write_questions() const {
+    std::mt19937 random(seed);
+    std::ofstream questions(file("questions"));
+    questions << "10.2.0.1\n10.1.0.7\n127.0.0.1\n30.0.0.1\n";
+    for (int i = 0; i < destinations; ++i) questions << dotted(0x14000000u | (random() & 0xffffffu)) << "\n";
   }
 
   void batch(const std::string &lines) {
@@ -64,16 +77,12 @@ class MixedWidthRoutes : public testing::Test {
   Process ipd_;
 };
 
-TEST_F(MixedWidthRoutes, BothWidthsFindTheSameWays) {
-  constexpr unsigned seed = 3232;
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  std::ofstream questions(file("questions"));
-  questions << "10.2.0.1\n10.1.0.7\n127.0.0.1\n30.0.0.1\n";
-  for (int i = 0; i < destinations; ++i) questions << dotted(0x14000000u | (random() & 0xffffffu)) << "\n";
-  questions.close();
+std::string first_line(const std::string &text) {
+  return text.substr(0, text.find('\n'));
+}
 
-  const auto first_line = [](const std::string &text) { return text.substr(0, text.find('\n')); };
+TEST_F(MixedWidthRoutes, BothWidthsFindTheSameWays) {
+  SCOPED_TRACE("seed " + std::to_string(seed));
   std::string wide;
   EXPECT_TRUE(wait_until([&] {
     wide = answers(native + "/route_client");
@@ -92,6 +101,18 @@ TEST_F(MixedWidthRoutes, BothWidthsFindTheSameWays) {
   })) << first_line(wide);
   EXPECT_NE(wide.find("source 0a020001"), std::string::npos);
   EXPECT_EQ(answers(ROUTE_CLIENT), wide);
+}
+
+TEST_F(MixedWidthRoutes, ANarrowClientFindsTheSameWaysWhileTheWideIpdIsKilledAndStartedAgain) {
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  const std::string before = answers(ROUTE_CLIENT);
+  EXPECT_NE(before.find("source 0a010001"), std::string::npos) << first_line(before);
+  for (int round = 0; round < 3; ++round) {
+    ipd_.kill_now();
+    EXPECT_EQ(answers(ROUTE_CLIENT), before) << "what the dead ipd left";
+    start_ipd();
+    EXPECT_EQ(answers(ROUTE_CLIENT), before) << "what the new one found";
+  }
 }
 
 }  // namespace
