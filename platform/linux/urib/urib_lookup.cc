@@ -50,15 +50,11 @@ uint32_t longest_below(const Node *node, uint32_t addr) {
 }
 
 Match best_match(const Body &body, const Trie &trie, uint32_t addr, uint32_t most) {
-  return at_one_moment(body, [&](bool *several) {
-    *several = true;
-    return walk(trie, addr, most);
-  });
+  return at_one_moment(body, [&] { return walk(trie, addr, most); });
 }
 
 Match best_rpf_match(const Body &body, uint32_t addr, uint32_t most) {
-  return at_one_moment(body, [&](bool *several) {
-    *several = true;
+  return at_one_moment(body, [&] {
     const Match multicast = walk(body.multicast, addr, most);
     const Match unicast = walk(body.unicast, addr, most);
     // The multicast static one wins at equal length.

@@ -4,10 +4,9 @@
 // What a search must never do is fault or go on for ever on damaged memory: each word is followed only when a record of
 // that size and alignment can be read there, and no search goes deeper than the six levels that there are.
 //
-// A search that reads one swung word below the tables is of one moment. One that falls back to a shorter route has read
-// several, and a writer that adds a longer route and then changes the shorter one could show it the old half of the
-// first change with the new half of the second, which never stood together. So it looks at the count of changes before
-// and after, and begins again when that has moved.
+// A search reads several swung words, and a writer that adds a longer route and then changes the shorter one could show
+// it the old half of the first change with the new half of the second, which never stood together. So it looks at the
+// table's count of changes before and after, and begins again when that has moved.
 #ifndef RSW_URIB_URIB_LOOKUP_H
 #define RSW_URIB_URIB_LOOKUP_H
 
@@ -35,7 +34,13 @@ template <class T, uint32_t align = 4, uint32_t bytes = sizeof(T)>
 
 // Relaxed: bits of a node never change while a reader can reach it; the swung word that led here was acquired.
 [[nodiscard]] inline uint64_t bits_of(const uint32_t (&words)[2]) {
+#if defined(__x86_64__)
+  // One load: the pair is aligned, since its record is, and the low word comes first.
+  using Both [[gnu::may_alias]] = uint64_t;
+  return __atomic_load_n(reinterpret_cast<const Both *>(words), __ATOMIC_RELAXED);
+#else
   return uint64_t{load_word(words[1])} << 32 | load_word(words[0]);
+#endif
 }
 
 // The population count as one instruction where the processor has it: the portable one is a call.
@@ -141,33 +146,49 @@ struct Match {
 // The longest match at or below a node of level 18 that has children; 0: none.
 [[nodiscard]] uint32_t longest_below(const Node *node, uint32_t addr);
 
-// The longest match, a RouteWord's address or 0. *several: it comes from more than one swung word.
-[[nodiscard]] inline uint32_t longest_word(const Trie &trie, uint32_t addr, bool *several) {
+// Of two words without a branch, which would often be foretold wrongly where routes of all lengths meet.
+[[nodiscard]] inline uint32_t choose(bool first, uint32_t a, uint32_t b) {
+  return b ^ ((a ^ b) & (0u - static_cast<uint32_t>(first)));
+}
+
+// The last page of the range of all windows belongs to no segment and reads zeros: an empty node, an empty block.
+inline constexpr uint32_t zeros = window_high - segment_page;
+
+// The record that a word leads to, or zeros when none can be there.
+template <class T, uint32_t align>
+[[nodiscard]] inline const T *follow_or_zeros(uint32_t word) {
+  static_assert(sizeof(T) <= segment_page);
+  constexpr uint32_t span = (window_high - segment_page - window_low - static_cast<uint32_t>(sizeof(T))) / align;
+  return at_address<const T>(choose(std::rotr(word - window_low, std::countr_zero(align)) < span, word, zeros));
+}
+
+// The longest match, a RouteWord's address or 0.
+[[nodiscard]] inline uint32_t longest_word(const Trie &trie, uint32_t addr) {
   // Acquire, as at each swung word: what it leads to; partner: TrieWriter's stores.
   const Regions *regions = follow<Regions, 64>(observe_word(trie.regions));
-  if (regions == nullptr) {
-    *several = true;
-    return walk(trie, addr, 32).word;
-  }
+  if (regions == nullptr) return walk(trie, addr, 32).word;
   const Region &region = regions->region[addr >> (32 - region_bits)];
-  const Block *block = follow<Block, 64>(observe_word(region.block));
-  if (block != nullptr) [[likely]] {
-    const uint32_t slot = observe_word(block->slot[addr >> (32 - direct_level) & (block_slots - 1)]);
-    if ((slot & slot_route) != 0) return slot & ~slot_route;
-    if (const Node *node = node_at(slot)) [[likely]] {
-      if (observe_word(node->children) != 0) [[unlikely]] {
-        *several = true;
-        if (const uint32_t word = longest_below(node, addr)) return word;
-      } else {
-        const Place place = longest_in(*node, bits_at(addr, direct_level), node_bits);
-        if (place.longer != 0) return load_word(node->row) + 4 * place.index;
-      }
-      // A node that was replaced keeps the `above` of that moment, so this one belongs to the bits just read.
-      if (const uint32_t above = observe_word(node->above)) return above;
-    }
+  const Block *block = follow_or_zeros<Block, 64>(observe_word(region.block));
+  const uint32_t slot = observe_word(block->slot[addr >> (32 - direct_level) & (block_slots - 1)]);
+  const Node *node = follow_or_zeros<Node, node_align>(slot);  // a slot that names a route is no node's address
+  const uint32_t bits = bits_at(addr, direct_level);
+  const uint64_t far = bits_of(node->far);
+  const uint64_t near = bits_of(node->near);
+  const uint32_t named = choose((slot & slot_route) != 0, slot & ~slot_route, observe_word(node->above));
+  const uint32_t best = observe_word(region.best);
+  const uint32_t shorter = choose(named != 0, named, best);
+  if (observe_word(node->children) != 0) [[unlikely]] {
+    const uint32_t word = longest_below(node, addr);
+    return word != 0 ? word : shorter;
   }
-  *several = true;
-  return observe_word(region.best);
+  // As longest_in(): the far route if there is one, else the longest of the near ones.
+  const uint64_t is_far = 0 - (far >> bits & 1);
+  const uint64_t path = near & path_of[bits >> 1];
+  const auto top = static_cast<uint32_t>(63 - std::countl_zero(path | 1));
+  const uint64_t near_before = near & (((uint64_t{1} << top) - 1) | is_far);
+  const uint64_t far_before = far & ((uint64_t{1} << bits) - 1) & is_far;
+  const uint32_t place = count_bits(near_before) + count_bits(far_before);
+  return choose((path | is_far) != 0, load_word(node->row) + 4 * place, shorter);
 }
 
 // The attributes of a route; null for 0 and for damaged words.
@@ -180,25 +201,24 @@ struct Match {
   return follow<NextHops, 8>(load_word(attributes.next_hops));
 }
 
-// A search that fell back to a shorter route begins again when the table changed meanwhile; so often at most.
+// A search begins again when the table changed meanwhile; so often at most.
 inline constexpr uint32_t most_tries = 100;
 
-// ask(&several) at one moment of the table.
+// ask() at one moment of the table.
 template <class Ask>
 inline auto at_one_moment(const Body &body, Ask ask) {
   for (uint32_t tries = 1;; ++tries) {
     // Acquire: a search sees all of the changes that were counted; partner: the store in UribWriter after a change.
     const uint32_t before = observe_word(body.changes);
-    bool several = false;
-    const auto answer = ask(&several);
+    const auto answer = ask();
     // The loads of the search were acquire loads, so this one comes after them.
-    if (!several || observe_word(body.changes) == before || tries == most_tries) [[likely]]
+    if (observe_word(body.changes) == before || tries == most_tries) [[likely]]
       return answer;
   }
 }
 
 [[nodiscard]] inline uint32_t best_word(const Body &body, const Trie &trie, uint32_t addr) {
-  return at_one_moment(body, [&](bool *several) { return longest_word(trie, addr, several); });
+  return at_one_moment(body, [&] { return longest_word(trie, addr); });
 }
 // The longest of at most `most` bits.
 [[nodiscard]] Match best_match(const Body &body, const Trie &trie, uint32_t addr, uint32_t most);
