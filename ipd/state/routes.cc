@@ -449,13 +449,15 @@ bool Routes::update(RoutePicture &picture) {
     before_ = now_;
     surroundings_changed_ = false;
   }
-  if (!writer_.commit()) {
-    if (++refusals_ <= refusals_in_words) {
-      log_line(LOG_ERR, "cannot commit routes: %s", writer_.last_error().c_str());
-    }
-    return false;
+  return commit() && refused_.empty();
+}
+
+bool Routes::commit() {
+  uncommitted_ = !writer_.commit();
+  if (uncommitted_ && ++refusals_ <= refusals_in_words) {
+    log_line(LOG_ERR, "cannot commit routes: %s", writer_.last_error().c_str());
   }
-  return refused_.empty();
+  return !uncommitted_;
 }
 
 bool Routes::retry(RoutePicture &picture) {
@@ -471,7 +473,7 @@ bool Routes::retry(RoutePicture &picture) {
     }
   }
   load(picture, there);
-  return writer_.commit() && refused_.empty();
+  return commit() && refused_.empty();
 }
 
 }  // namespace ipd

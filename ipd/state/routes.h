@@ -48,7 +48,7 @@ class Routes {
   // Writes what changed in the picture, the surroundings or the configuration, and commits once. False: the writer
   // refused something, now or earlier (logged); retry_due() asks for another try.
   bool update(kernel::RoutePicture &picture);
-  [[nodiscard]] bool retry_due() const { return !refused_.empty(); }
+  [[nodiscard]] bool retry_due() const { return !refused_.empty() || uncommitted_; }
   bool retry(kernel::RoutePicture &picture);
 
  private:
@@ -70,6 +70,7 @@ class Routes {
   void write_one(const kernel::RoutePicture &picture, uint32_t table, const Prefix &prefix);
   void load(const kernel::RoutePicture &picture, const std::set<uint32_t> &tables);
   bool accepted(bool done, uint32_t table);
+  bool commit();
 
   [[nodiscard]] std::optional<rsw::Route> wanted(const kernel::RoutePicture &picture, uint32_t table,
                                                  const Prefix &prefix) const;
@@ -97,6 +98,7 @@ class Routes {
   std::set<uint32_t> context_tables_;      // of now_
   std::set<uint32_t> written_;             // tables that may exist
   std::set<uint32_t> refused_;             // tables that are not as they should be
+  bool uncommitted_ = false;
   uint64_t refusals_ = 0;
 };
 

@@ -52,7 +52,7 @@ class RecordingWriter final : public rsw::UribWriter {
   }
   bool commit() override {
     ++commits;
-    return true;
+    return !uncommitting;
   }
   void tick(std::chrono::steady_clock::time_point) override {}
   [[nodiscard]] const std::string &last_error() const override { return error_; }
@@ -60,8 +60,9 @@ class RecordingWriter final : public rsw::UribWriter {
 
   std::map<uint32_t, Table> unicast, multicast;
   bool refusing = false;
-  bool bad = false;       // it was given a route that is none
-  bool repeated = false;  // a load named a prefix twice
+  bool uncommitting = false;  // refuses commits only
+  bool bad = false;           // it was given a route that is none
+  bool repeated = false;      // a load named a prefix twice
   uint32_t calls = 0, loads = 0, commits = 0;
 
  private:

@@ -435,6 +435,16 @@ TEST_F(RoutesTest, WhatWasRefusedIsTriedAgain) {
   EXPECT_NE(at(254, ten, 8), nullptr);
 }
 
+TEST_F(RoutesTest, ACommitThatFailedIsTriedAgain) {
+  writer.uncommitting = true;
+  picture.route(forward(ten, 8, 2, neighbour));
+  EXPECT_FALSE(update());
+  EXPECT_TRUE(routes.retry_due());
+  writer.uncommitting = false;
+  EXPECT_TRUE(routes.retry(picture));
+  EXPECT_FALSE(routes.retry_due());
+}
+
 // Whatever was told one by one in whatever batches: the tables are those that a fresh start writes as a whole.
 TEST_F(RoutesTest, RandomChangesGiveWhatAFreshStartGives) {
   constexpr uint32_t seed = 20260703;

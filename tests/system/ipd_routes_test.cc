@@ -255,6 +255,14 @@ TEST_F(IpdRoutesTest, EverythingElseIsServedWithoutASegmentForRoutes) {
   expect_same_as_kernel();
 }
 
+TEST_F(IpdRoutesTest, ASimulatedSystemHasRoutesWhenItsFileSaysSo) {
+  write_configuration(R"({"interfaces": 4, "addresses": 4, "measured_changes": 4, "routes": 1000})");
+  serve({"--simulate", configuration_file()});
+  EXPECT_TRUE(ipd_said(" 1000 routes in "));
+  EXPECT_EQ(rsw::urib_routes(main_table, rsw::RouteView::unicast).size(), 1000u);
+  EXPECT_TRUE(route(main_table, 0x1003e700, 24));
+}
+
 TEST_F(IpdRoutesTest, ARouteIsVisibleWithinTenMilliseconds) {
   serve();
   test_support::AddressChanger changer;
