@@ -119,6 +119,26 @@ bool decode_context_name(const std::string &given, bool attached, ArgumentValue 
   return true;
 }
 
+// A record has no name of its own: what is given must be a context, or say that there is none.
+bool decode_context_record(const std::string &given, bool attached, ArgumentValue *value) {
+  if (!attached) return false;
+  ArgumentValue id;
+  const bool is_number = decode_number(given, attached, &id);
+  for (const ContextRow &context : read_contexts()) {
+    if (context.name != given && !(is_number && context.id == id.number)) continue;
+    value->number = context.id;
+    value->text = context.name;
+    return true;
+  }
+  value->text = given;
+  return given == "null";
+}
+
+bool decode_text(const std::string &given, bool, ArgumentValue *value) {
+  value->text = given;
+  return true;
+}
+
 bool decode_table_id(const std::string &given, bool attached, ArgumentValue *value) {
   if (decode_number(given, attached, value)) return true;
   if (!attached) return false;
@@ -136,7 +156,7 @@ struct Decoder {
 };
 
 // In the order of ArgumentType.
-constexpr std::array<Decoder, 10> decoders{{
+constexpr std::array<Decoder, 12> decoders{{
     {{"address", "an IPv4 address: 10.1.2.3 or 0x0a010203", false}, decode_address},
     {{"address-network-order", "an IPv4 address: 10.1.2.3, or the word in network order as 0x hex", false},
      decode_network_order},
@@ -147,8 +167,10 @@ constexpr std::array<Decoder, 10> decoders{{
      decode_interface},
     {{"context-id", "a context: its id or its name (ipsh show contexts lists them)", true}, decode_context_id},
     {{"context-name", "a context: its name or its id", true}, decode_context_name},
+    {{"context-record", "a context: its name or its id; null for a null pointer", true}, decode_context_record},
     {{"table-id", "a route table: its id or the name of a context", true}, decode_table_id},
     {{"number", "a number: 0 to 4294967295, or 0x hex", false}, decode_number},
+    {{"text", "a text", false}, decode_text},
 }};
 
 const Decoder &decoder(ArgumentType type) {

@@ -18,11 +18,13 @@ enum class ArgumentType {
   mask,                   // host order
   mask_length,            // bits
   prefix,
-  interface,     // iod
-  context_id,    // number
-  context_name,  // text
-  table_id,      // number
+  interface,       // iod
+  context_id,      // number
+  context_name,    // text
+  context_record,  // number: the id of the context whose record is meant, 0 for a null pointer; text: its name
+  table_id,        // number
   number,
+  text,
 };
 
 struct ArgumentValue {

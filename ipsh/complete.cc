@@ -36,7 +36,8 @@ const CLI::App *find_command(const CLI::App *parent, const std::string &word) {
 
 std::vector<std::string> values_of(const std::string &type, const std::string &run_directory) {
   const bool interfaces = type == "<interface>";
-  const bool contexts = type == "<context-id>" || type == "<context-name>" || type == "<table-id>";
+  const bool contexts =
+      type == "<context-id>" || type == "<context-name>" || type == "<context-record>" || type == "<table-id>";
   std::vector<std::string> values;
   if (!interfaces && !contexts) return values;
   if (!run_directory.empty()) setenv("RSW_RUN_DIR", run_directory.c_str(), 1);

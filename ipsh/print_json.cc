@@ -167,7 +167,7 @@ Json raw(const ResultValue &value) {
     case ResultType::mac:
       return nullptr;
     case ResultType::record:
-      return number_or_null(value.number);
+      return value.number == 0 ? Json(nullptr) : Json(value.number);
     default:
       return value.number;
   }
@@ -186,6 +186,12 @@ void query(const QueryResult &result) {
   json["result"] = value_object(result.result);
   json["outputs"] = Json::object();
   for (const ShownValue &output : result.outputs) json["outputs"][output.name] = value_object(output);
+  json["calls"] = Json::array();
+  for (const std::vector<ShownValue> &call : result.calls) {
+    Json arguments = Json::object();
+    for (const ShownValue &argument : call) arguments[argument.name] = value_object(argument);
+    json["calls"].push_back(std::move(arguments));
+  }
   json["reads_as"] = result.reads_as;
   json["error_text"] = text_or_null(result.error_text);
   write(json);

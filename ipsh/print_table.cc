@@ -151,6 +151,13 @@ void query(const QueryResult &result) {
   std::vector<std::pair<std::string, std::string>> fields{{"call", call + ")"}};
   if (result.query->result != ResultType::nothing) fields.emplace_back("value", result.result.text);
   for (const ShownValue &output : result.outputs) fields.emplace_back("  " + output.name, output.text);
+  for (const std::vector<ShownValue> &arguments : result.calls) {
+    std::string text;
+    for (const ShownValue &argument : arguments) {
+      text += fmt::format("{}{}={}", text.empty() ? "" : ", ", argument.name, argument.text);
+    }
+    fields.emplace_back("  called", text);
+  }
   fields.emplace_back("reads as", result.reads_as);
   if (!result.error_text.empty()) fields.emplace_back("error text", result.error_text);
   write_fields(fields);

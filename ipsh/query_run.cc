@@ -30,10 +30,10 @@ std::string value_text(const ResultValue &value, bool attached) {
     case ResultType::mask_length:
       return fmt::format("{}", value.number);
     case ResultType::interface:
-      return interface_text(value.number, attached);
+      return interface_text(static_cast<uint32_t>(value.number), attached);
     case ResultType::address:
     case ResultType::mask:
-      return address_text(value.number);
+      return address_text(static_cast<uint32_t>(value.number));
     case ResultType::record:
       return value.number == 0 ? "null" : fmt::format("0x{:08x}", value.number);
     case ResultType::text:
@@ -55,6 +55,8 @@ std::string argument_text(ArgumentType type, const ArgumentValue &value, bool at
     case ArgumentType::prefix:
       return ip_print_prefix(&value.prefix);
     case ArgumentType::context_name:
+    case ArgumentType::context_record:
+    case ArgumentType::text:
       return value.text;
     case ArgumentType::interface:
       return interface_text(value.number, attached);
@@ -78,9 +80,15 @@ std::string_view type_name(ResultType type) {
 }
 
 std::span<const QueryGroup> query_groups() {
-  static const std::array<QueryGroup, 3> groups{{
+  static const std::array<QueryGroup, 9> groups{{
       {"Contexts", context_queries()},
       {"Interfaces and local addresses", local_address_queries()},
+      {"Subnets and overlap", subnet_queries()},
+      {"An interface's own address", interface_address_queries()},
+      {"Whose address it is, virtual addresses", address_ownership_queries()},
+      {"IP state of interfaces", ip_state_queries()},
+      {"Routes and reverse paths", route_queries()},
+      {"Router ids, counters, groups, load sharing", statistics_queries()},
       {"Addresses, masks and prefixes (no running system needed)", address_utility_queries()},
   }};
   return groups;
@@ -96,6 +104,10 @@ const Query *find_query(std::string_view name) {
 
 Answer answer_number(ResultType type, uint32_t number) {
   return {number != 0, {"", type, number}};
+}
+
+Answer answer_outputs(bool found, uint32_t flag, std::vector<ResultValue> outputs) {
+  return {found, {"", ResultType::flag, flag}, std::move(outputs)};
 }
 
 Answer answer_text(const char *text) {
@@ -133,6 +145,10 @@ bool run_query(const Query &query, const std::map<std::string, std::string, std:
   result->found = answer.found;
   result->result = shown(answer.result, attached);
   for (const ResultValue &output : answer.outputs) result->outputs.push_back(shown(output, attached));
+  for (const std::vector<ResultValue> &call : answer.calls) {
+    result->calls.emplace_back();
+    for (const ResultValue &argument : call) result->calls.back().push_back(shown(argument, attached));
+  }
   result->reads_as = answer.found ? query.reads_found : query.reads_none;
   result->error_text = error_text;
   return true;

@@ -25,6 +25,7 @@ struct QueryResult {
   bool found = false;
   ShownValue result;
   std::vector<ShownValue> outputs;
+  std::vector<std::vector<ShownValue>> calls;
   std::string reads_as;
   std::string error_text;  // the library's, empty when it gave none
 };

@@ -33,7 +33,7 @@ enum class ResultType { flag, number, interface, address, mask, mask_length, rec
 struct ResultValue {
   std::string_view name;  // of an output argument or of a record's field; empty for the result itself
   ResultType type = ResultType::number;
-  uint32_t number = 0;
+  uint64_t number = 0;
   std::optional<std::string> text = std::nullopt;
 };
 
@@ -41,6 +41,7 @@ struct Answer {
   bool found = false;  // exit code 0 or 1
   ResultValue result;
   std::vector<ResultValue> outputs = {};
+  std::vector<std::vector<ResultValue>> calls = {};  // of a query that calls back: the arguments of each call
 };
 
 using ArgumentValues = std::span<const ArgumentValue>;
@@ -65,12 +66,19 @@ struct QueryGroup {
 // Each table, by subject.
 [[nodiscard]] std::span<const Query> context_queries();
 [[nodiscard]] std::span<const Query> local_address_queries();
+[[nodiscard]] std::span<const Query> subnet_queries();
+[[nodiscard]] std::span<const Query> interface_address_queries();
+[[nodiscard]] std::span<const Query> address_ownership_queries();
+[[nodiscard]] std::span<const Query> ip_state_queries();
+[[nodiscard]] std::span<const Query> route_queries();
+[[nodiscard]] std::span<const Query> statistics_queries();
 [[nodiscard]] std::span<const Query> address_utility_queries();
 [[nodiscard]] std::span<const QueryGroup> query_groups();
 [[nodiscard]] const Query *find_query(std::string_view name);
 
 // Rows build their answers with these. A number other than 0 is "found".
 [[nodiscard]] Answer answer_number(ResultType type, uint32_t number);
+[[nodiscard]] Answer answer_outputs(bool found, uint32_t flag, std::vector<ResultValue> outputs);
 [[nodiscard]] Answer answer_text(const char *text);  // null: not found
 
 }  // namespace ipsh

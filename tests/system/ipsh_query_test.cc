@@ -1,51 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every query under its exported name, with named arguments, against a published system.
+// Queries of contexts, local addresses and address utilities under their exported names, and how an answer is shown.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
-#include <set>
 
-#include "ipsh_fixture.h"
+#include "ipsh_asked.h"
 
 namespace ipsh_test {
 namespace {
 
 using nlohmann::json;
-
-struct Asked {
-  const char *line;   // after "ipsh query"
-  const char *value;  // the result's text
-  int exit_code;
-  const char *outputs = "";  // "name=text", separated by blanks
-};
-
-void PrintTo(const Asked &asked, std::ostream *stream) {
-  *stream << "ipsh query " << asked.line;
-}
-
-std::string outputs_of(const json &answer) {
-  std::string text;
-  for (const auto &[name, value] : answer["outputs"].items()) {
-    text += (text.empty() ? "" : " ") + name + "=" + value["text"].get<std::string>();
-  }
-  return text;
-}
-
-void expect_answer(const Asked &asked) {
-  std::vector<std::string> words = words_of(asked.line);
-  words.insert(words.begin(), "query");
-  words.emplace_back("--json");
-  const Outcome outcome = ipsh(words);
-  ASSERT_NE(outcome.out, "") << asked.line << ": " << outcome.err;
-  const json answer = json::parse(outcome.out);
-  ASSERT_EQ(answer["kind"], "query") << asked.line << ": " << outcome.out;
-  EXPECT_EQ(answer["result"]["text"], asked.value) << asked.line;
-  EXPECT_EQ(outputs_of(answer), asked.outputs) << asked.line;
-  EXPECT_EQ(outcome.exit_code, asked.exit_code) << asked.line;
-  EXPECT_EQ(answer["found"], asked.exit_code == 0) << asked.line;
-  EXPECT_FALSE(answer["reads_as"].get<std::string>().empty()) << asked.line;
-}
 
 class IpshUtilityQuery : public IpshWithoutIpd, public ::testing::WithParamInterface<Asked> {};
 TEST_P(IpshUtilityQuery, AnswersWithoutARunningSystem) {
@@ -147,62 +111,6 @@ TEST_F(IpshWithSystem, AnAnswerShowsTheCallTheValueAndHowToReadIt) {
             "call      ip_is_address_on_interface(addr=10.0.0.2, iod=2 (eth0))\n"
             "value     1\n"
             "reads as  yes: it is an address of the interface\n");
-}
-
-TEST_F(IpshWithSystem, EveryQueryIsListedAndItsExampleIsAccepted) {
-  const std::set<std::string> expected{"ip_get_api_context",
-                                       "ip_get_api_context_by_name",
-                                       "ip_get_api_context_id",
-                                       "ip_get_api_context_name",
-                                       "ip_is_address_on_interface",
-                                       "ip_get_local_mask_len",
-                                       "ip_get_next_secondary",
-                                       "ip_get_secondary_count",
-                                       "ip_is_group_joined",
-                                       "ip_allow_directed_broadcast",
-                                       "ip_is_iod_unnumbered",
-                                       "ip_is_multicast_enabled",
-                                       "ip_get_iod_for_local_address",
-                                       "ip_get_alliod_for_address",
-                                       "ip_get_best_intf_vip",
-                                       "ip_urib_is_addr_active_local",
-                                       "ip_get_mtu",
-                                       "ip_calc_effective_mtu",
-                                       "ip_bits2mask",
-                                       "ip_wildcard_mask",
-                                       "ip_mask2bits",
-                                       "ip_bytesinmask",
-                                       "ip_natural_mask",
-                                       "ip_prefix_martian",
-                                       "ip_address_martian",
-                                       "ip_is_addr_broadcast",
-                                       "ip_is_addr_multicast",
-                                       "ip_is_mask_contiguous",
-                                       "ip_get_broadcast_address",
-                                       "ip_is_addr_in_prefix",
-                                       "ip_get_mac_multicast",
-                                       "ip_match_prefix",
-                                       "ip_copy_prefix",
-                                       "inet_ntoa",
-                                       "ip_print_addr",
-                                       "ip_print_prefix",
-                                       "ip_is_syslog_svr_address"};
-  const Outcome list = ipsh({"query", "--list", "--json"});
-  ASSERT_EQ(list.exit_code, 0) << list.err;
-  std::set<std::string> listed;
-  const json rows = json::parse(list.out)["queries"];
-  const std::string table = ipsh({"query", "--list"}).out;
-  for (const json &row : rows) {
-    const std::string name = row["name"];
-    listed.insert(name);
-    EXPECT_NE(table.find("\n" + name + " "), std::string::npos) << name;
-    std::vector<std::string> words{"query", name};
-    std::ranges::move(words_of(row["example"]), std::back_inserter(words));
-    const Outcome outcome = ipsh(words);
-    EXPECT_LE(outcome.exit_code, 1) << name << ": " << outcome.err;
-    EXPECT_TRUE(outcome.out.starts_with("call")) << name << ": " << outcome.out;
-  }
-  EXPECT_EQ(listed, expected);
 }
 
 }  // namespace

@@ -10,10 +10,11 @@ target_compile_definitions(examples_test PRIVATE LIST_INTERFACES="$<TARGET_FILE:
 add_dependencies(examples_test list_interfaces watch_addresses)
 
 if(LIBIP_PROGRAMS)
-  add_library(ipsh_fixture STATIC ipsh_fixture.cc)
+  add_library(ipsh_fixture STATIC ipsh_asked.cc ipsh_fixture.cc)
   target_link_libraries(ipsh_fixture PRIVATE project_flags
                         PUBLIC published_system ipsh_parts GTest::gtest)
   target_compile_definitions(ipsh_fixture PUBLIC
+    IP_EXPORTS="${CMAKE_SOURCE_DIR}/tests/abi/exports.txt"
     IPD="$<TARGET_FILE:ipd>"
     IPSH="$<TARGET_FILE:ipsh>"
     IPSH_MAN="${CMAKE_SOURCE_DIR}/packaging/man/ipsh.1"
@@ -23,7 +24,8 @@ if(LIBIP_PROGRAMS)
     IPSH_PYTHON="/usr/bin/python3")
   add_dependencies(ipsh_fixture ipd ipsh)
   libip_test(ipsh_test
-    SOURCES ipsh_command_line_test.cc ipsh_completion_test.cc ipsh_ipd_test.cc ipsh_query_test.cc
-            ipsh_schema_test.cc ipsh_show_test.cc ipsh_watch_test.cc
+    SOURCES ipsh_command_line_test.cc ipsh_completion_test.cc ipsh_interface_query_test.cc ipsh_ipd_test.cc
+            ipsh_query_list_test.cc ipsh_query_test.cc ipsh_schema_test.cc
+            ipsh_show_test.cc ipsh_watch_test.cc
     LIBRARIES ipsh_fixture)
 endif()

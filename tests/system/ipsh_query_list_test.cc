@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+// The list of queries is whole: whatever the library exports can be asked, or stands here with the reason why not.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "ipsh_fixture.h"
+
+namespace ipsh_test {
+namespace {
+
+using nlohmann::json;
+
+constexpr const char *start_and_stop =
+    "builds up or tears down the state of a process: each ipsh does so around a query";
+constexpr const char *memory_types = "names and numbers of memory types: ipsh show memory has them";
+constexpr const char *own_state = "tells of the asking process, not of the system";
+constexpr const char *error_text = "shown with the answer of each query that leaves one";
+
+const std::map<std::string, std::string> no_queries{
+    {"__ip_mem_type_t_find", memory_types},    {"__ip_mem_type_t_str2enum", memory_types},
+    {"__ip_sm_mem_type_t_find", memory_types}, {"__ip_sm_mem_type_t_str2enum", memory_types},
+    {"ip_api_close", start_and_stop},          {"ip_api_close_nodeps", start_and_stop},
+    {"ip_api_get_error", error_text},          {"ip_api_init", start_and_stop},
+    {"ip_api_init_mts_q", start_and_stop},     {"ip_attach_shm", start_and_stop},
+    {"ip_data_queue_get_usage", own_state},    {"ip_driver_api_close", start_and_stop},
+    {"ip_driver_api_init", start_and_stop},    {"ip_get_api_error_info", error_text},
+    {"ip_get_client_pointer", own_state},      {"ip_get_max_msg_size", own_state},
+    {"ip_mem_init", start_and_stop},           {"ip_remove_shm", start_and_stop},
+    {"ip_shm_api_init", start_and_stop},       {"is_fwd_enabled_spl_iod", own_state},
+    {"set_fwd_enabled_spl_ifidx", own_state},
+};
+
+std::set<std::string> exported_functions() {
+  std::set<std::string> names;
+  std::ifstream file(IP_EXPORTS);
+  for (std::string kind, name; file >> kind;) {
+    if (kind != "function") {
+      std::getline(file, name);
+      continue;
+    }
+    file >> name;
+    names.insert(name);
+  }
+  return names;
+}
+
+std::set<std::string> listed_queries() {
+  const json list = json::parse(ipsh({"query", "--list", "--json"}).out);
+  std::set<std::string> names;
+  for (const json &row : list["queries"]) names.insert(row["name"].get<std::string>());
+  return names;
+}
+
+TEST_F(IpshWithoutIpd, EveryExportedFunctionIsAQueryOrIsKnownToBeNone) {
+  const std::set<std::string> queries = listed_queries();
+  const std::set<std::string> exported = exported_functions();
+  ASSERT_GT(exported.size(), 100u);
+  for (const std::string &name : exported) {
+    EXPECT_NE(queries.contains(name), no_queries.contains(name))
+        << name << ": give it a row in ipsh/query_*.cc, or a reason here";
+  }
+  for (const std::string &name : queries) EXPECT_TRUE(exported.contains(name)) << name << " is not exported";
+  for (const auto &[name, reason] : no_queries) EXPECT_TRUE(exported.contains(name)) << name << " is not exported";
+}
+
+TEST_F(IpshWithSystem, EveryQuerysExampleIsAnswered) {
+  const json rows = json::parse(ipsh({"query", "--list", "--json"}).out)["queries"];
+  const std::string table = ipsh({"query", "--list"}).out;
+  for (const json &row : rows) {
+    const std::string name = row["name"];
+    EXPECT_NE(table.find("\n" + name + " "), std::string::npos) << name;
+    std::vector<std::string> words{"query", name};
+    std::ranges::move(words_of(row["example"]), std::back_inserter(words));
+    const Outcome outcome = ipsh(words);
+    EXPECT_LE(outcome.exit_code, 1) << name << ": " << outcome.err;
+    EXPECT_TRUE(outcome.out.starts_with("call")) << name << ": " << outcome.out;
+  }
+}
+
+}  // namespace
+}  // namespace ipsh_test
