@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "ip_api.h"
+#include "urib.h"
 
 namespace ipsh {
 namespace {
@@ -59,6 +60,8 @@ std::unique_ptr<Attachment> Attachment::open(Failure *failure) {
     *failure = why_not_attached(path, "libip refused it; its log line says why");
     return nullptr;
   }
+  // Some queries rely on their caller to have started it; on a standby supervisor the library does not do so by itself.
+  urib_api_init();
   return std::unique_ptr<Attachment>(new Attachment(std::move(database)));
 }
 

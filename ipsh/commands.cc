@@ -13,77 +13,13 @@
 #include <optional>
 
 #include "attachment.h"
+#include "explain.h"
 #include "query_run.h"
+#include "show_commands.h"
 #include "sysmgr/sysmgr_writer.h"
 
 namespace ipsh {
 namespace {
-
-// Attached, with a word of warning when nobody keeps the database current.
-std::unique_ptr<Attachment> attach(Failure *failure) {
-  std::unique_ptr<Attachment> attachment = Attachment::open(failure);
-  if (attachment && !attachment->writer_runs()) {
-    fmt::print(stderr, "ipsh: ipd is not running: this is the last state that it published\n");
-  }
-  return attachment;
-}
-
-bool select(const Options &options, Selection *selection, Failure *failure) {
-  ArgumentValue value;
-  if (!options.context.empty()) {
-    if (!decode_argument(ArgumentType::context_id, "--context", options.context, true, &value, failure)) return false;
-    selection->context_id = value.number;
-  }
-  if (!options.interface.empty()) {
-    if (!decode_argument(ArgumentType::interface, "--interface", options.interface, true, &value, failure)) {
-      return false;
-    }
-    selection->iod = value.number;
-  }
-  return true;
-}
-
-// The common shape of the listings: attach, select, read, print. An empty listing is the answer "none".
-template <class Read, class Print>
-ExitCode show(const Options &options, Failure *failure, Read read, Print print) {
-  const std::unique_ptr<Attachment> attachment = attach(failure);
-  if (!attachment) return failure->code;
-  Selection selection;
-  if (!select(options, &selection, failure)) return failure->code;
-  const auto rows = read(selection);
-  print(rows);
-  return rows.empty() ? ExitCode::none : ExitCode::found;
-}
-
-ExitCode show_contexts(const Options &options, const Printers &printers, Failure *failure) {
-  return show(
-      options, failure, [](const Selection &) { return read_contexts(); }, printers.contexts);
-}
-
-ExitCode show_interfaces(const Options &options, const Printers &printers, Failure *failure) {
-  return show(options, failure, read_interfaces, printers.interfaces);
-}
-
-ExitCode show_addresses(const Options &options, const Printers &printers, Failure *failure) {
-  return show(options, failure, read_addresses, printers.addresses);
-}
-
-ExitCode show_memory(const Options &options, const Printers &printers, Failure *failure) {
-  return show(
-      options, failure, [](const Selection &) { return read_memory(); }, printers.memory);
-}
-
-ExitCode show_clients(const Options &options, const Printers &printers, Failure *failure) {
-  return show(
-      options, failure, [](const Selection &) { return read_clients(); }, printers.clients);
-}
-
-ExitCode show_system(const Options &, const Printers &printers, Failure *failure) {
-  const std::unique_ptr<Attachment> attachment = attach(failure);
-  if (!attachment) return failure->code;
-  printers.system(read_system(*attachment));
-  return ExitCode::found;
-}
 
 ExitCode query_list(const Options &options, const Printers &printers, Failure *failure) {
   if (!options.list) {
@@ -123,6 +59,28 @@ bool decode_limit(const char *option, const std::string &given, const char *acce
   return false;
 }
 
+ExitCode explain_address(const Options &options, const Printers &printers, Failure *failure) {
+  if (options.address.empty()) {
+    *failure = {ExitCode::usage, "explain: the address is missing", "give an IPv4 address: 10.1.2.3 or 0x0a010203"};
+    return failure->code;
+  }
+  ArgumentValue address;
+  if (!decode_argument(ArgumentType::address, "address", options.address, false, &address, failure)) {
+    return failure->code;
+  }
+  const std::unique_ptr<Attachment> attachment = attach(failure);
+  if (!attachment) return failure->code;
+  Selection selection;
+  if (!select(options, &selection, failure)) return failure->code;
+  constexpr uint32_t default_context = 1;
+  Explanation explanation;
+  if (!explain(address.number, selection.context_id.value_or(default_context), &explanation, failure)) {
+    return failure->code;
+  }
+  printers.explanation(explanation);
+  return explanation.reachable || explanation.facts.local.iod != 0 ? ExitCode::found : ExitCode::none;
+}
+
 ExitCode watch_changes(const Options &options, const Printers &printers, Failure *failure) {
   WatchLimits limits;
   if (!decode_limit("--count", options.count, "give a number of changes, 1 or more", &limits.count, failure) ||
@@ -143,53 +101,9 @@ Run supervisor_setter(uint32_t state) {
   };
 }
 
-struct Listing {
-  const char *name;
-  const char *what;
-  bool selects;  // takes --context and --interface
-  const char *examples;
-  ExitCode (*run)(const Options &, const Printers &, Failure *);
-};
-
-constexpr std::array<Listing, 6> listings{{
-    {"contexts", "routing contexts (VRFs): id, name, route table, router id", false, "ipsh show contexts",
-     show_contexts},
-    {"interfaces", "interfaces: state, MTU, primary address, flags", true,
-     "ipsh show interfaces\n  ipsh show interfaces --context red --json", show_interfaces},
-    {"addresses", "local addresses: primary, secondary and virtual", true,
-     "ipsh show addresses --interface eth0\n  ipsh show addresses --json | jq -r '.addresses[].address'",
-     show_addresses},
-    {"memory", "memory in use, by process and type", false, "ipsh show memory", show_memory},
-    {"clients", "processes that read the shared database", false, "ipsh show clients", show_clients},
-    {"system", "ipd, the supervisor state and the shared database", false, "ipsh show system", show_system},
-}};
-
 constexpr const char *exit_codes =
     "Exit codes: 0 yes, found or done; 1 the answer is 0 or none; 2 wrong usage;\n"
     "            3 no ipd, or it cannot be attached; 4 not permitted.";
-constexpr const char *everywhere = "--json and --run-dir DIR are accepted here too (see ipsh --help).";
-
-std::string examples(std::string_view lines) {
-  return fmt::format("Examples:\n  {}\n\n{}", lines, everywhere);
-}
-
-void add_show(CommandTree *tree) {
-  CLI::App *show_command = tree->app.add_subcommand("show", "list what the running system knows");
-  show_command->require_subcommand(1);
-  show_command->footer(examples("ipsh show interfaces\n  ipsh show system --json"));
-  for (const Listing &listing : listings) {
-    CLI::App *command = show_command->add_subcommand(listing.name, listing.what);
-    if (listing.selects) {
-      command->add_option("--context", tree->options.context, "only of this context: its id or name")
-          ->type_name("<context-id>");
-      command->add_option("--interface", tree->options.interface, "only of this interface: its iod or name")
-          ->type_name("<interface>");
-    }
-    command->footer(examples(listing.examples));
-    tree->runs[command] = listing.run;
-  }
-}
-
 void add_query(CommandTree *tree) {
   CLI::App *query_command = tree->app.add_subcommand("query", "ask the library one of its queries, by exported name");
   query_command->require_subcommand(0, 1);
@@ -221,6 +135,15 @@ void add_query(CommandTree *tree) {
   }
 }
 
+void add_explain(CommandTree *tree) {
+  CLI::App *command = tree->app.add_subcommand("explain", "say why an address is treated as it is: route, source, why");
+  command->add_option("address", tree->options.address, "the address, such as 10.1.2.3")->type_name("<address>");
+  command->add_option("--context", tree->options.context, "in this context: its id or name (else the default one)")
+      ->type_name("<context-id>");
+  command->footer(examples("ipsh explain 198.51.100.7\n  ipsh explain 10.1.2.3 --context red --json"));
+  tree->runs[command] = explain_address;
+}
+
 void add_watch(CommandTree *tree) {
   CLI::App *command = tree->app.add_subcommand("watch", "print contexts, interfaces and addresses as they change");
   command->add_option("--count", tree->options.count, "end after so many changes")->type_name("<number>");
@@ -244,7 +167,8 @@ void add_system(CommandTree *tree) {
 
 }  // namespace
 
-CommandTree::CommandTree() : app("Ask the IPv4 state of this system: contexts, interfaces, addresses.", "ipsh") {
+CommandTree::CommandTree()
+    : app("Ask the IPv4 state of this system: contexts, interfaces, addresses, routes.", "ipsh") {
   app.fallthrough();
   app.set_help_flag("-h,--help", "print this help and exit");
   app.set_version_flag("--version", "ipsh " IPSH_VERSION, "print the version and exit");
@@ -254,10 +178,12 @@ CommandTree::CommandTree() : app("Ask the IPv4 state of this system: contexts, i
   app.require_subcommand(1);
   app.footer(
       fmt::format("Examples:\n  ipsh show interfaces\n  ipsh query ip_get_mtu --iod eth0\n"
+                  "  ipsh explain 198.51.100.7\n"
                   "  ipsh watch --timeout 60\n\n{}",
                   exit_codes));
   add_show(this);
   add_query(this);
+  add_explain(this);
   add_watch(this);
   add_system(this);
 }

@@ -18,7 +18,8 @@ struct Options {
   bool json = false;
   bool list = false;
   std::string run_directory;
-  std::string context, interface;
+  std::string context, interface, table, view, limit;
+  std::string address;
   std::string count, seconds;
   std::map<std::string, std::string, std::less<>> query_words;  // by argument name
 };

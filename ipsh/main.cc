@@ -50,7 +50,7 @@ Failure usage_failure(const CLI::ParseError &error, const CommandTree &tree) {
   const CLI::App *command = ipsh::named_command(tree.app);
   const std::string path = path_of(command);
   const std::vector<std::string> names = names_of(command);
-  const bool many = names.size() > 10;
+  const bool many = names.size() > 20;
   const std::string stray = stray_word(tree);
   Failure failure{ExitCode::usage, "", fmt::format("see {} {}", path, many ? "--list" : "--help")};
   if (!stray.empty() && (stray.starts_with('-') || names.empty())) {

@@ -5,96 +5,51 @@
 //
 // A name is the kernel's bytes and need not be UTF-8: bytes that are not become U+FFFD.
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
+#include "json_members.h"
 #include "printers.h"
 
 namespace ipsh {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 Json object(const char *kind) {
   return Json{{"version", 1}, {"kind", kind}};
 }
 
+std::string text_of(const Json &value) {
+  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 void write(const Json &value) {
-  const std::string line = value.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-  std::fputs(line.c_str(), stdout);
+  std::fputs((text_of(value) + "\n").c_str(), stdout);
   std::fflush(stdout);
 }
 
-Json address_or_null(uint32_t addr) {
-  return addr == 0 ? Json(nullptr) : Json(address_text(addr));
-}
-Json text_or_null(const std::string &text) {
-  return text.empty() ? Json(nullptr) : Json(text);
-}
-Json number_or_null(uint32_t number) {
-  return number == 0 ? Json(nullptr) : Json(number);
-}
-
-template <class Row, class ToJson>
-Json array_of(const std::vector<Row> &rows, ToJson to_json) {
-  Json array = Json::array();
-  for (const Row &row : rows) array.push_back(to_json(row));
-  return array;
+// A listing, row by row: a full table of routes is never in memory as JSON. `more`: members that follow the rows.
+template <class Row>
+void write_list(const std::vector<Row> &rows, const Json &more = Json::object()) {
+  const JsonForm<Row> form = json_form<Row>();
+  std::string text = text_of(object(form.kind));
+  text.back() = ',';
+  std::fputs((text + text_of(form.array) + ":[").c_str(), stdout);
+  for (const Row &row : rows) std::fputs(((&row == rows.data() ? "" : ",") + text_of(json_of(row))).c_str(), stdout);
+  std::fputs("]", stdout);
+  for (const auto &[name, value] : more.items())
+    std::fputs(("," + text_of(name) + ":" + text_of(value)).c_str(), stdout);
+  std::fputs("}\n", stdout);
+  std::fflush(stdout);
 }
 
-struct RowJson {
+template <class Row>
+void list(const std::vector<Row> &rows) {
+  write_list(rows);
+}
+
+struct WatchedJson {
   Json operator()(const IpdRow &row) const { return {{"pid", row.pid}, {"instance", row.instance}}; }
-  Json operator()(const ContextRow &row) const {
-    return {{"id", row.id},
-            {"name", row.name},
-            {"table_id", row.table_id},
-            {"router_id", address_or_null(row.router_id)},
-            {"router_id_iod", number_or_null(row.router_id_iod)},
-            {"router_id_interface", text_or_null(row.router_id_interface)}};
-  }
-  Json operator()(const InterfaceRow &row) const {
-    return {{"iod", row.iod},
-            {"ifindex", row.ifindex},
-            {"name", row.name},
-            {"context_id", row.context_id},
-            {"context", text_or_null(row.context)},
-            {"table_id", row.table_id},
-            {"up", row.up},
-            {"admin_up", row.admin_up},
-            {"loopback", row.loopback},
-            {"mtu", row.mtu},
-            {"ip", row.has_ip},
-            {"primary_address", address_or_null(row.primary)},
-            {"primary_mask_len", row.primary == 0 ? Json(nullptr) : Json(row.primary_mask_len)},
-            {"secondary_count", row.secondary_count},
-            {"virtual_count", row.virtual_count},
-            {"group_count", row.group_count},
-            {"multicast", row.multicast},
-            {"forwarding", row.forwarding},
-            {"directed_broadcast", row.directed_broadcast},
-            {"unnumbered", row.unnumbered},
-            {"unnumbered_source", text_or_null(row.unnumbered_source)}};
-  }
-  Json operator()(const AddressRow &row) const {
-    return {{"address", address_text(row.addr)},   {"mask_len", row.mask_len},
-            {"kind", to_text(row.kind)},           {"iod", row.iod},
-            {"interface", row.interface},          {"context_id", row.context_id},
-            {"context", text_or_null(row.context)}};
-  }
-  Json operator()(const rsw::MemoryUse &row) const {
-    return {{"pid", row.pid},
-            {"command", row.command},
-            {"component", row.component},
-            {"description", row.description},
-            {"shared", row.shared},
-            {"type", row.type},
-            {"type_name", row.type_name},
-            {"blocks", row.blocks},
-            {"bytes", row.bytes},
-            {"allocations", row.allocations},
-            {"failures", row.failures}};
-  }
-  Json operator()(const rsw::EpochClient &row) const {
-    return {{"pid", row.pid}, {"command", row.command}, {"threads", row.threads}, {"in_query", row.inside}};
+  template <class Row>
+  Json operator()(const Row &row) const {
+    return json_of(row);
   }
 };
 
@@ -105,33 +60,20 @@ struct ObjectName {
   const char *operator()(const AddressRow &) const { return "address"; }
 };
 
-void contexts(const std::vector<ContextRow> &rows) {
-  Json json = object("contexts");
-  json["contexts"] = array_of(rows, RowJson{});
-  write(json);
+void routes(const RouteListing &listing) {
+  write_list(listing.rows, {{"view", to_text(listing.view)}, {"left_out", listing.left_out}});
 }
 
-void interfaces(const std::vector<InterfaceRow> &rows) {
-  Json json = object("interfaces");
-  json["interfaces"] = array_of(rows, RowJson{});
-  write(json);
+void counters(const std::vector<CounterRow> &rows, const std::optional<LoadShare> &share) {
+  Json more = Json::object();
+  more["load_share"] = nullptr;
+  if (share) more["load_share"] = {{"mode", share->mode}, {"value", share->value}};
+  write_list(rows, more);
 }
 
-void addresses(const std::vector<AddressRow> &rows) {
-  Json json = object("addresses");
-  json["addresses"] = array_of(rows, RowJson{});
-  write(json);
-}
-
-void memory(const std::vector<rsw::MemoryUse> &rows) {
-  Json json = object("memory");
-  json["memory"] = array_of(rows, RowJson{});
-  write(json);
-}
-
-void clients(const std::vector<rsw::EpochClient> &rows) {
-  Json json = object("clients");
-  json["clients"] = array_of(rows, RowJson{});
+void explanation(const Explanation &explanation) {
+  Json json = object("explanation");
+  json.update(json_of_explanation(explanation));
   write(json);
 }
 
@@ -235,9 +177,9 @@ void watch_event(const Event &event) {
   Json json = object("event");
   json["event"] = to_text(event.change);
   json["object"] = std::visit(ObjectName{}, event.row);
-  json["now"] = event.change == Change::removed ? Json(nullptr) : std::visit(RowJson{}, event.row);
-  json["before"] = event.change == Change::removed ? std::visit(RowJson{}, event.row)
-                   : event.before                  ? std::visit(RowJson{}, *event.before)
+  json["now"] = event.change == Change::removed ? Json(nullptr) : std::visit(WatchedJson{}, event.row);
+  json["before"] = event.change == Change::removed ? std::visit(WatchedJson{}, event.row)
+                   : event.before                  ? std::visit(WatchedJson{}, *event.before)
                                                    : Json(nullptr);
   write(json);
 }
@@ -253,11 +195,17 @@ void failure(const Failure &failure) {
 }  // namespace
 
 const Printers json_printers{
-    .contexts = contexts,
-    .interfaces = interfaces,
-    .addresses = addresses,
-    .memory = memory,
-    .clients = clients,
+    .contexts = list<ContextRow>,
+    .interfaces = list<InterfaceRow>,
+    .addresses = list<AddressRow>,
+    .memory = list<rsw::MemoryUse>,
+    .clients = list<rsw::EpochClient>,
+    .routes = routes,
+    .vips = list<VipRow>,
+    .groups = list<GroupRow>,
+    .router_ids = list<RouterIdRow>,
+    .counters = counters,
+    .explanation = explanation,
     .system = system,
     .supervisor = supervisor,
     .query = query,

@@ -1,30 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tables for people. Where there is nothing to say a cell holds "-", so that columns can be cut by scripts too.
+// Tables and lines for people.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "printers.h"
+#include "text_columns.h"
 #include "text_table.h"
 
 namespace ipsh {
 namespace {
-
-constexpr Align right = Align::right;
-
-std::string number(uint64_t value) {
-  return fmt::format("{}", value);
-}
-std::string or_dash(const std::string &text) {
-  return text.empty() ? "-" : text;
-}
-std::string address_or_dash(uint32_t addr) {
-  return addr == 0 ? "-" : address_text(addr);
-}
-
-std::string prefix_text(uint32_t addr, uint8_t mask_len) {
-  return fmt::format("{}/{}", address_text(addr), mask_len);
-}
 
 void write(const std::string &text) {
   std::fputs(text.c_str(), stdout);
@@ -40,86 +26,48 @@ void write_fields(const std::vector<std::pair<std::string, std::string>> &fields
   write(text);
 }
 
-std::string state_text(const InterfaceRow &row) {
-  if (!row.admin_up) return "admin-down";
-  return row.up ? "up" : "down";
-}
-
-std::string flags_text(const InterfaceRow &row) {
-  std::string text;
-  const auto add = [&](bool on, const std::string &flag) {
-    if (on) text += (text.empty() ? "" : ",") + flag;
+// Two passes over the rows, as wide columns want: a full table of routes is never in memory as text.
+template <class Row>
+void list(const std::vector<Row> &rows) {
+  const std::span<const TextColumn<Row>> columns = text_columns<Row>();
+  std::vector<Column> titles;
+  for (const TextColumn<Row> &column : columns) titles.push_back({column.title, column.align});
+  TableLayout layout(std::move(titles));
+  std::vector<std::string> cells(columns.size());
+  const auto cells_of = [&](const Row &row) -> const std::vector<std::string> & {
+    for (size_t i = 0; i < columns.size(); ++i) cells[i] = columns[i].text(row);
+    return cells;
   };
-  add(row.loopback, "loopback");
-  add(row.multicast, "multicast");
-  add(row.forwarding, "forwarding");
-  add(row.directed_broadcast, "directed-broadcast");
-  add(row.unnumbered, fmt::format("unnumbered({})", row.unnumbered_source));
-  return or_dash(text);
+  for (const Row &row : rows) layout.measure(cells_of(row));
+  std::fputs(layout.titles().c_str(), stdout);
+  for (const Row &row : rows) std::fputs(layout.line(cells_of(row)).c_str(), stdout);
+  std::fflush(stdout);
 }
 
-void contexts(const std::vector<ContextRow> &rows) {
-  TextTable table({{"ID", right}, {"NAME"}, {"TABLE", right}, {"ROUTER-ID"}, {"FROM"}});
-  for (const ContextRow &row : rows) {
-    table.add({number(row.id), or_dash(row.name), number(row.table_id), address_or_dash(row.router_id),
-               or_dash(row.router_id_interface)});
+void routes(const RouteListing &listing) {
+  list(listing.rows);
+  if (listing.left_out != 0) {
+    fmt::print(stderr, "ipsh: {} of {} routes are shown\n", listing.rows.size(),
+               listing.rows.size() + listing.left_out);
   }
-  write(table.text());
 }
 
-void interfaces(const std::vector<InterfaceRow> &rows) {
-  TextTable table({{"IOD", right},
-                   {"NAME"},
-                   {"IFINDEX", right},
-                   {"CONTEXT"},
-                   {"STATE"},
-                   {"MTU", right},
-                   {"PRIMARY"},
-                   {"SEC", right},
-                   {"VIRT", right},
-                   {"FLAGS"}});
-  for (const InterfaceRow &row : rows) {
-    table.add({number(row.iod), or_dash(row.name), number(row.ifindex), or_dash(row.context), state_text(row),
-               number(row.mtu), row.primary == 0 ? "-" : prefix_text(row.primary, row.primary_mask_len),
-               number(row.secondary_count), number(row.virtual_count), flags_text(row)});
-  }
-  write(table.text());
+void counters(const std::vector<CounterRow> &rows, const std::optional<LoadShare> &share) {
+  list(rows);
+  if (share) write(fmt::format("load sharing: mode {}, value {}\n", share->mode, share->value));
 }
 
-void addresses(const std::vector<AddressRow> &rows) {
-  TextTable table({{"ADDRESS"}, {"KIND"}, {"INTERFACE"}, {"IOD", right}, {"CONTEXT"}});
-  for (const AddressRow &row : rows) {
-    table.add({prefix_text(row.addr, row.mask_len), to_text(row.kind), or_dash(row.interface), number(row.iod),
-               or_dash(row.context)});
+// A subject with several sentences is named once.
+void explanation(const Explanation &explanation) {
+  std::vector<std::pair<std::string, std::string>> fields;
+  fields.emplace_back("asked", fmt::format("{} in context {} (table {})", address_text(explanation.addr),
+                                           explanation.context, explanation.table));
+  std::string subject;
+  for (const ExplainedLine &line : sentences_of(explanation)) {
+    fields.emplace_back(line.subject == subject ? "" : line.subject, line.sentence);
+    subject = line.subject;
   }
-  write(table.text());
-}
-
-void memory(const std::vector<rsw::MemoryUse> &rows) {
-  TextTable table({{"PID", right},
-                   {"COMMAND"},
-                   {"COMPONENT", right},
-                   {"KIND"},
-                   {"TYPE"},
-                   {"BLOCKS", right},
-                   {"BYTES", right},
-                   {"ALLOCATIONS", right},
-                   {"FAILURES", right}});
-  for (const rsw::MemoryUse &row : rows) {
-    table.add({fmt::format("{}", row.pid), or_dash(row.command), number(row.component),
-               row.shared ? "shared" : "private", or_dash(row.type_name), number(row.blocks), number(row.bytes),
-               number(row.allocations), number(row.failures)});
-  }
-  write(table.text());
-}
-
-void clients(const std::vector<rsw::EpochClient> &rows) {
-  TextTable table({{"PID", right}, {"COMMAND"}, {"THREADS", right}, {"NOW"}});
-  for (const rsw::EpochClient &row : rows) {
-    table.add(
-        {fmt::format("{}", row.pid), or_dash(row.command), number(row.threads), row.inside ? "in a query" : "outside"});
-  }
-  write(table.text());
+  write_fields(fields);
 }
 
 void system(const SystemState &state) {
@@ -129,12 +77,12 @@ void system(const SystemState &state) {
                              : fmt::format("not running, last was process {}", state.ipd_pid)},
       {"supervisor", supervisor_text(state.supervisor)},
       {"uuid", fmt::format("0x{:08x}", state.uuid)},
-      {"instance", number(state.instance)},
-      {"generation", number(state.generation)},
+      {"instance", number_text(state.instance)},
+      {"generation", number_text(state.generation)},
       {"database", fmt::format("{} bytes of {}", state.database_bytes, state.database_window)},
-      {"contexts", number(state.contexts)},
-      {"interfaces", number(state.interfaces)},
-      {"addresses", number(state.addresses)},
+      {"contexts", number_text(state.contexts)},
+      {"interfaces", number_text(state.interfaces)},
+      {"addresses", number_text(state.addresses)},
   });
 }
 
@@ -216,11 +164,17 @@ void failure(const Failure &) {}
 }  // namespace
 
 const Printers table_printers{
-    .contexts = contexts,
-    .interfaces = interfaces,
-    .addresses = addresses,
-    .memory = memory,
-    .clients = clients,
+    .contexts = list<ContextRow>,
+    .interfaces = list<InterfaceRow>,
+    .addresses = list<AddressRow>,
+    .memory = list<rsw::MemoryUse>,
+    .clients = list<rsw::EpochClient>,
+    .routes = routes,
+    .vips = list<VipRow>,
+    .groups = list<GroupRow>,
+    .router_ids = list<RouterIdRow>,
+    .counters = counters,
+    .explanation = explanation,
     .system = system,
     .supervisor = supervisor,
     .query = query,

@@ -4,11 +4,15 @@
 #ifndef IPSH_PRINTERS_H
 #define IPSH_PRINTERS_H
 
+#include <optional>
 #include <vector>
 
 #include "exit_code.h"
+#include "explain.h"
 #include "mtrack/mtrack_writer.h"
 #include "query_run.h"
+#include "routes.h"
+#include "services.h"
 #include "snapshot.h"
 #include "system_state.h"
 #include "tsp/epochs.h"
@@ -23,6 +27,12 @@ struct Printers {
   void (*addresses)(const std::vector<AddressRow> &rows);
   void (*memory)(const std::vector<rsw::MemoryUse> &rows);
   void (*clients)(const std::vector<rsw::EpochClient> &rows);
+  void (*routes)(const RouteListing &listing);
+  void (*vips)(const std::vector<VipRow> &rows);
+  void (*groups)(const std::vector<GroupRow> &rows);
+  void (*router_ids)(const std::vector<RouterIdRow> &rows);
+  void (*counters)(const std::vector<CounterRow> &rows, const std::optional<LoadShare> &share);
+  void (*explanation)(const Explanation &explanation);
   void (*system)(const SystemState &state);
   void (*supervisor)(uint32_t state);  // after it was set
   void (*query)(const QueryResult &result);

@@ -36,7 +36,7 @@ Answer best_interface_address(ArgumentValues v) {
 Answer multicast_address(ArgumentValues v) {
   uint32_t iod = 0;
   Answer answer = answer_number(ResultType::address, ip_get_local_mcast_addr(v[0].number, &iod));
-  answer.outputs = {{"iod", ResultType::interface, iod}};
+  answer.outputs.push_back({"iod", ResultType::interface, iod});
   return answer;
 }
 

@@ -27,7 +27,7 @@ Answer neighbour_of(ArgumentValues v) {
 Answer source_address(ArgumentValues v) {
   uint32_t iod = 0;
   Answer answer = answer_number(ResultType::address, ip_get_route(v[0].number, v[1].number, &iod));
-  answer.outputs = {{"iod", ResultType::interface, iod}};
+  answer.outputs.push_back({"iod", ResultType::interface, iod});
   return answer;
 }
 

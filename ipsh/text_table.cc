@@ -1,48 +1,56 @@
 // SPDX-License-Identifier: Apache-2.0
-// Two passes: measure, then write. Names of interfaces and contexts may hold any byte but NUL; a control character in a
-// cell is written as '?', so that no name can play with the reader's terminal.
+// Names of interfaces and contexts may hold any byte but NUL; a control character in a cell is written as '?', so that
+// no name can play with the reader's terminal.
 #include "text_table.h"
-
-#include <fmt/format.h>
 
 #include <algorithm>
 
 namespace ipsh {
 namespace {
 
-std::string printable(std::string cell) {
-  std::ranges::replace_if(
-      cell, [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
-  return cell;
+bool is_control(char c) {
+  return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
 }
 
 }  // namespace
 
+TableLayout::TableLayout(std::vector<Column> columns) : columns_(std::move(columns)) {
+  for (const Column &column : columns_) widths_.push_back(column.title.size());
+}
+
+void TableLayout::measure(std::span<const std::string> cells) {
+  for (size_t i = 0; i < columns_.size(); ++i) widths_[i] = std::max(widths_[i], cells[i].size());
+}
+
+std::string TableLayout::titles() const {
+  std::vector<std::string> cells;
+  for (const Column &column : columns_) cells.emplace_back(column.title);
+  return line(cells);
+}
+
+std::string TableLayout::line(std::span<const std::string> cells) const {
+  std::string line;
+  for (size_t i = 0; i < columns_.size(); ++i) {
+    if (i != 0) line += "  ";
+    const size_t padding = widths_[i] - std::min(widths_[i], cells[i].size());
+    if (columns_[i].align == Align::right) line.append(padding, ' ');
+    line += cells[i];
+    if (columns_[i].align == Align::left) line.append(padding, ' ');
+  }
+  std::ranges::replace_if(line, is_control, '?');
+  line.erase(line.find_last_not_of(' ') + 1);
+  line += '\n';
+  return line;
+}
+
+void TextTable::add(std::vector<std::string> cells) {
+  layout_.measure(cells);
+  rows_.push_back(std::move(cells));
+}
+
 std::string TextTable::text() const {
-  std::vector<std::vector<std::string>> lines;
-  std::vector<std::string> titles;
-  for (const Column &column : columns_) titles.emplace_back(column.title);
-  lines.push_back(std::move(titles));
-  for (const std::vector<std::string> &row : rows_) {
-    std::vector<std::string> cells;
-    for (const std::string &cell : row) cells.push_back(printable(cell));
-    lines.push_back(std::move(cells));
-  }
-  std::vector<size_t> widths(columns_.size(), 0);
-  for (const std::vector<std::string> &cells : lines) {
-    for (size_t i = 0; i < cells.size(); ++i) widths[i] = std::max(widths[i], cells[i].size());
-  }
-  std::string text;
-  for (const std::vector<std::string> &cells : lines) {
-    std::string line;
-    for (size_t i = 0; i < cells.size(); ++i) {
-      if (i != 0) line += "  ";
-      line += columns_[i].align == Align::right ? fmt::format("{:>{}}", cells[i], widths[i])
-                                                : fmt::format("{:<{}}", cells[i], widths[i]);
-    }
-    line.erase(line.find_last_not_of(' ') + 1);
-    text += line + '\n';
-  }
+  std::string text = layout_.titles();
+  for (const std::vector<std::string> &cells : rows_) text += layout_.line(cells);
   return text;
 }
 

@@ -4,6 +4,7 @@
 #ifndef IPSH_TEXT_TABLE_H
 #define IPSH_TEXT_TABLE_H
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,16 +18,30 @@ struct Column {
   Align align = Align::left;
 };
 
-class TextTable {
+// Each row is shown twice, to measure() and then to line(), so that a long table need not be kept as text.
+class TableLayout {
  public:
-  explicit TextTable(std::vector<Column> columns) : columns_(std::move(columns)) {}
+  explicit TableLayout(std::vector<Column> columns);
   // As many cells as there are columns.
-  void add(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
-  // Lines end without blanks.
-  [[nodiscard]] std::string text() const;
+  void measure(std::span<const std::string> cells);
+  // Ends with a newline, which no blank stands before.
+  [[nodiscard]] std::string titles() const;
+  [[nodiscard]] std::string line(std::span<const std::string> cells) const;
 
  private:
   std::vector<Column> columns_;
+  std::vector<size_t> widths_;
+};
+
+// A short table, kept as text.
+class TextTable {
+ public:
+  explicit TextTable(std::vector<Column> columns) : layout_(std::move(columns)) {}
+  void add(std::vector<std::string> cells);
+  [[nodiscard]] std::string text() const;
+
+ private:
+  TableLayout layout_;
   std::vector<std::vector<std::string>> rows_;
 };
 

@@ -76,14 +76,14 @@ TEST_P(IpshRefusal, IsOneLineThatNamesTheArgumentAndWhatIsAccepted) {
 INSTANTIATE_TEST_SUITE_P(
     OfBadInput, IpshRefusal,
     ::testing::Values(
-        Refusal{"", "ipsh: ipsh: a command is missing; give one of show, query, watch, system"},
-        Refusal{"shwo", "ipsh: ipsh: there is no 'shwo'; give one of show, query, watch, system"},
+        Refusal{"", "ipsh: ipsh: a command is missing; give one of show, query, explain, watch, system"},
+        Refusal{"shwo", "ipsh: ipsh: there is no 'shwo'; give one of show, query, explain, watch, system"},
         Refusal{"show",
-                "ipsh: ipsh show: a command is missing; give one of contexts, interfaces, addresses, memory, clients, "
-                "system"},
+                "ipsh: ipsh show: a command is missing; give one of contexts, interfaces, addresses, routes, vips, "
+                "groups, router-id, counters, memory, clients, system"},
         Refusal{"show adresses",
-                "ipsh: ipsh show: there is no 'adresses'; give one of contexts, interfaces, addresses, memory, "
-                "clients, system"},
+                "ipsh: ipsh show: there is no 'adresses'; give one of contexts, interfaces, addresses, routes, "
+                "vips, groups, router-id, counters, memory, clients, system"},
         Refusal{"show contexts memory",
                 "ipsh: ipsh show contexts: 'memory' is not accepted here; see ipsh show contexts --help"},
         Refusal{"show contexts --jsn",
@@ -109,6 +109,12 @@ INSTANTIATE_TEST_SUITE_P(
                 "ipsh: --prefix: '10.0.0.0' is not accepted here; give a prefix: 10.0.0.0/8"},
         Refusal{"query ip_print_prefix --prefix 10.0.0.0/8/8",
                 "ipsh: --prefix: '10.0.0.0/8/8' is not accepted here; give a prefix: 10.0.0.0/8"},
+        Refusal{"explain", "ipsh: explain: the address is missing; give an IPv4 address: 10.1.2.3 or 0x0a010203"},
+        Refusal{"explain 10.0.0",
+                "ipsh: address: '10.0.0' is not accepted here; give an IPv4 address: 10.1.2.3 or "
+                "0x0a010203"},
+        Refusal{"explain 10.0.0.1 10.0.0.2",
+                "ipsh: ipsh explain: '10.0.0.2' is not accepted here; see ipsh explain --help"},
         Refusal{"watch --count 0", "ipsh: --count: '0' is not accepted here; give a number of changes, 1 or more"},
         Refusal{"watch --timeout soon",
                 "ipsh: --timeout: 'soon' is not accepted here; give seconds, above 0, such as 5 or 0.5"}),
@@ -190,9 +196,11 @@ TEST_F(IpshWithoutIpd, TheManPageIsCleanAndNamesEveryExitCodeAndKind) {
   EXPECT_NE(lint(broken), "");
   std::stringstream page;
   page << std::ifstream(IPSH_MAN).rdbuf();
-  for (const char *text : {".It 0", ".It 1", ".It 2", ".It 3", ".It 4", "Ql contexts", "Ql interfaces", "Ql addresses",
-                           "Ql memory", "Ql clients", "Ql system", "Ql supervisor", "Ql query", "Ql query-list",
-                           "Ql watch-start", "Ql event", "Ql failure"}) {
+  for (const char *text :
+       {".It 0",         ".It 1",         ".It 2",          ".It 3",       ".It 4",         "Ql contexts",
+        "Ql interfaces", "Ql addresses",  "Ql memory",      "Ql clients",  "Ql system",     "Ql supervisor",
+        "Ql query",      "Ql query-list", "Ql watch-start", "Ql event",    "Ql failure",    "Ql routes",
+        "Ql vips",       "Ql groups",     "Ql router-ids",  "Ql counters", "Ql explanation"}) {
     EXPECT_NE(page.str().find(text), std::string::npos) << text;
   }
 }

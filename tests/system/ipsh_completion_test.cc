@@ -26,9 +26,10 @@ std::string completions(const std::vector<std::string> &words) {
 }
 
 TEST_F(IpshWithoutIpd, CompletionOffersTheCommandsOfALevel) {
-  EXPECT_EQ(completions({""}), "query show system watch ");
+  EXPECT_EQ(completions({""}), "explain query show system watch ");
   EXPECT_EQ(completions({"s"}), "show system ");
-  EXPECT_EQ(completions({"show", ""}), "addresses clients contexts interfaces memory system ");
+  EXPECT_EQ(completions({"show", ""}),
+            "addresses clients contexts counters groups interfaces memory router-id routes system vips ");
   EXPECT_EQ(completions({"system", ""}), "active standby ");
 }
 
@@ -42,6 +43,9 @@ TEST_F(IpshWithoutIpd, CompletionOffersEachOptionOnce) {
   EXPECT_EQ(completions({"query", "ip_get_local_mask_len", "--addr", "10.0.0.1", "--json", "--"}),
             "--help --iod --run-dir ");
   EXPECT_EQ(completions({"watch", "--c"}), "--count ");
+  EXPECT_EQ(completions({"show", "routes", "--view", ""}), "multicast unicast ");
+  EXPECT_EQ(completions({"show", "routes", "--"}),
+            "--context --help --interface --json --limit --run-dir --table --view ");
 }
 
 TEST_F(IpshWithSystem, CompletionOffersTheNamesOfTheRunningSystem) {
@@ -49,6 +53,8 @@ TEST_F(IpshWithSystem, CompletionOffersTheNamesOfTheRunningSystem) {
   EXPECT_EQ(completions({"query", "ip_get_mtu", "--iod", "e"}), "eth0 eth1 ");
   EXPECT_EQ(completions({"show", "addresses", "--context", ""}), "default red ");
   EXPECT_EQ(completions({"show", "addresses", "--context", "=", "r"}), "red ");
+  EXPECT_EQ(completions({"show", "routes", "--table", "r"}), "red ");
+  EXPECT_EQ(completions({"query", "ip_get_iod_for_local", "--context", ""}), "default red ");
   const std::string path = run_directory_.path();
   unsetenv("RSW_RUN_DIR");
   EXPECT_EQ(completions({"--run-dir", path, "show", "interfaces", "--interface", "l"}), "lo ");

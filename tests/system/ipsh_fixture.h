@@ -44,6 +44,16 @@ class IpshWithSystem : public ::testing::Test {
   std::unique_ptr<ipd::Publisher> publisher_ = publish_test_system();
 };
 
+class IpshWithRoutes : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(system_.publisher, nullptr);
+    ASSERT_NE(system_.routes, nullptr);
+  }
+  test_support::RunDirectory run_directory_;
+  test_support::RoutedSystem system_ = test_support::publish_test_routes();
+};
+
 }  // namespace ipsh_test
 
 #endif

@@ -42,6 +42,23 @@ TEST_F(IpshWithSystem, EveryListingAndAnswerIsValid) {
   EXPECT_EQ(problems(run_directory_.path(), printed), "") << printed;
 }
 
+TEST_F(IpshWithRoutes, EveryListingAndExplanationOfRoutesIsValid) {
+  std::string printed;
+  for (const char *line :
+       {"show routes", "show routes --view multicast", "show routes --limit 2", "show vips", "show groups",
+        "show router-id", "show counters", "explain 198.51.100.7", "explain 198.51.101.7", "explain 203.0.113.9",
+        "explain 192.0.2.9", "explain 198.18.0.9", "explain 224.0.0.5", "explain 10.0.0.100", "explain 10.0.1.255",
+        "explain 203.0.113.9 --context red", "query ip_get_each_group --iod eth0",
+        "query ip_get_mcast_byte_stats_orig --iod eth0", "query ip_get_loopback_addr"}) {
+    std::vector<std::string> words = words_of(line);
+    words.emplace_back("--json");
+    const Outcome outcome = ipsh(words);
+    EXPECT_NE(outcome.out, "") << line << ": " << outcome.err;
+    printed += outcome.out;
+  }
+  EXPECT_EQ(problems(run_directory_.path(), printed), "") << printed;
+}
+
 TEST_F(IpshWithoutIpd, AFailureIsValid) {
   EXPECT_EQ(problems(run_directory_.path(), ipsh({"show", "contexts", "--json"}).out), "");
 }

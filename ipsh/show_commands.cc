@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "show_commands.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <utility>
+
+#include "arguments.h"
+#include "routes.h"
+#include "services.h"
+
+namespace ipsh {
+
+// Attached, with a word of warning when nobody keeps the database current.
+std::unique_ptr<Attachment> attach(Failure *failure) {
+  std::unique_ptr<Attachment> attachment = Attachment::open(failure);
+  if (attachment && !attachment->writer_runs()) {
+    fmt::print(stderr, "ipsh: ipd is not running: this is the last state that it published\n");
+  }
+  return attachment;
+}
+
+bool select(const Options &options, Selection *selection, Failure *failure) {
+  ArgumentValue value;
+  if (!options.context.empty()) {
+    if (!decode_argument(ArgumentType::context_id, "--context", options.context, true, &value, failure)) return false;
+    selection->context_id = value.number;
+  }
+  if (!options.interface.empty()) {
+    if (!decode_argument(ArgumentType::interface, "--interface", options.interface, true, &value, failure)) {
+      return false;
+    }
+    selection->iod = value.number;
+  }
+  return true;
+}
+
+std::string examples(std::string_view lines) {
+  return fmt::format("Examples:\n  {}\n\n--json and --run-dir DIR are accepted here too (see ipsh --help).", lines);
+}
+
+namespace {
+
+// The common shape of the listings: attach, select, read, print. An empty listing is the answer "none".
+template <class Read, class Print>
+ExitCode show(const Options &options, Failure *failure, Read read, Print print) {
+  const std::unique_ptr<Attachment> attachment = attach(failure);
+  if (!attachment) return failure->code;
+  Selection selection;
+  if (!select(options, &selection, failure)) return failure->code;
+  const auto rows = read(selection);
+  print(rows);
+  return rows.empty() ? ExitCode::none : ExitCode::found;
+}
+
+ExitCode show_contexts(const Options &options, const Printers &printers, Failure *failure) {
+  return show(
+      options, failure, [](const Selection &) { return read_contexts(); }, printers.contexts);
+}
+
+ExitCode show_interfaces(const Options &options, const Printers &printers, Failure *failure) {
+  return show(options, failure, read_interfaces, printers.interfaces);
+}
+
+ExitCode show_addresses(const Options &options, const Printers &printers, Failure *failure) {
+  return show(options, failure, read_addresses, printers.addresses);
+}
+
+ExitCode show_memory(const Options &options, const Printers &printers, Failure *failure) {
+  return show(
+      options, failure, [](const Selection &) { return read_memory(); }, printers.memory);
+}
+
+ExitCode show_clients(const Options &options, const Printers &printers, Failure *failure) {
+  return show(
+      options, failure, [](const Selection &) { return read_clients(); }, printers.clients);
+}
+
+ExitCode show_system(const Options &, const Printers &printers, Failure *failure) {
+  const std::unique_ptr<Attachment> attachment = attach(failure);
+  if (!attachment) return failure->code;
+  printers.system(read_system(*attachment));
+  return ExitCode::found;
+}
+
+ExitCode show_vips(const Options &options, const Printers &printers, Failure *failure) {
+  return show(options, failure, read_vips, printers.vips);
+}
+
+ExitCode show_groups(const Options &options, const Printers &printers, Failure *failure) {
+  return show(options, failure, read_groups, printers.groups);
+}
+
+ExitCode show_router_ids(const Options &options, const Printers &printers, Failure *failure) {
+  return show(options, failure, read_router_ids, printers.router_ids);
+}
+
+ExitCode show_counters(const Options &options, const Printers &printers, Failure *failure) {
+  return show(options, failure, read_counters,
+              [&](const std::vector<CounterRow> &rows) { printers.counters(rows, read_load_share()); });
+}
+
+bool refuse(const char *option, const std::string &given, const char *accepts, Failure *failure) {
+  *failure = {ExitCode::usage, fmt::format("{}: '{}' is not accepted here", option, given), accepts};
+  return false;
+}
+
+// What restricts the routes, beside --interface. A context stands for its table.
+bool select_routes(const Options &options, RouteSelection *routes, Failure *failure) {
+  Selection selection;
+  ArgumentValue value;
+  if (!select(options, &selection, failure)) return false;
+  routes->iod = selection.iod;
+  if (!options.context.empty()) {
+    for (const ContextRow &context : read_contexts()) {
+      if (context.id == selection.context_id) routes->table = context.table_id;
+    }
+    if (!routes->table) return refuse("--context", options.context, "ipsh show contexts lists them", failure);
+  }
+  if (!options.table.empty()) {
+    if (!options.context.empty()) {
+      return refuse("--table", options.table, "give either --table or --context", failure);
+    }
+    if (!decode_argument(ArgumentType::table_id, "--table", options.table, true, &value, failure)) return false;
+    routes->table = value.number;
+  }
+  if (options.view == "multicast") {
+    routes->view = rsw::RouteView::multicast;
+  } else if (!options.view.empty() && options.view != "unicast") {
+    return refuse("--view", options.view, "give unicast or multicast", failure);
+  }
+  if (!options.limit.empty()) {
+    if (!decode_argument(ArgumentType::number, "--limit", options.limit, true, &value, failure)) return false;
+    routes->limit = value.number;
+  }
+  return true;
+}
+
+ExitCode show_routes(const Options &options, const Printers &printers, Failure *failure) {
+  const std::unique_ptr<Attachment> attachment = attach(failure);
+  if (!attachment) return failure->code;
+  RouteSelection selection;
+  RouteListing listing;
+  if (!select_routes(options, &selection, failure) || !read_routes(selection, &listing, failure)) return failure->code;
+  printers.routes(listing);
+  return listing.rows.empty() ? ExitCode::none : ExitCode::found;
+}
+
+enum Selector : unsigned { by_context = 1, by_interface = 2, by_route = 4 };
+
+struct Listing {
+  const char *name;
+  const char *what;
+  unsigned selectors;  // the options that it takes
+  const char *examples;
+  ExitCode (*run)(const Options &, const Printers &, Failure *);
+};
+
+constexpr std::array<Listing, 11> listings{{
+    {"contexts", "routing contexts (VRFs): id, name, route table, router id", 0, "ipsh show contexts", show_contexts},
+    {"interfaces", "interfaces: state, MTU, primary address, flags", by_context | by_interface,
+     "ipsh show interfaces\n  ipsh show interfaces --context red --json", show_interfaces},
+    {"addresses", "local addresses: primary, secondary and virtual", by_context | by_interface,
+     "ipsh show addresses --interface eth0\n  ipsh show addresses --json | jq -r '.addresses[].address'",
+     show_addresses},
+    {"routes", "the route tables: prefix, kind, who made it, next hops", by_context | by_interface | by_route,
+     "ipsh show routes --context default\n  ipsh show routes --table 100 --limit 20\n"
+     "  ipsh show routes --view multicast --json | jq -c '.routes[]'",
+     show_routes},
+    {"vips", "virtual addresses, and whether they are active here", by_context | by_interface,
+     "ipsh show vips\n  ipsh show vips --json | jq -r '.vips[] | select(.active) | .address'", show_vips},
+    {"groups", "multicast groups that are joined on the interfaces", by_context | by_interface,
+     "ipsh show groups --interface eth0", show_groups},
+    {"router-id", "router ids of the contexts, and the interfaces that they were taken from", by_context | by_interface,
+     "ipsh show router-id --context red", show_router_ids},
+    {"counters", "multicast counters and PIM asserts of the interfaces, and the load-sharing setting",
+     by_context | by_interface, "ipsh show counters --interface eth0", show_counters},
+    {"memory", "memory in use, by process and type", 0, "ipsh show memory", show_memory},
+    {"clients", "processes that read the shared database", 0, "ipsh show clients", show_clients},
+    {"system", "ipd, the supervisor state and the shared database", 0, "ipsh show system", show_system},
+}};
+
+}  // namespace
+
+void add_show(CommandTree *tree) {
+  CLI::App *show_command = tree->app.add_subcommand("show", "list what the running system knows");
+  show_command->require_subcommand(1);
+  show_command->footer(examples("ipsh show interfaces\n  ipsh show system --json"));
+  for (const Listing &listing : listings) {
+    CLI::App *command = show_command->add_subcommand(listing.name, listing.what);
+    const auto add = [&](Selector selector, const char *option, std::string *value, const char *what,
+                         const char *type) {
+      if ((listing.selectors & selector) != 0) command->add_option(option, *value, what)->type_name(type);
+    };
+    add(by_context, "--context", &tree->options.context, "only of this context: its id or name", "<context-id>");
+    add(by_interface, "--interface", &tree->options.interface, "only of this interface: its iod or name",
+        "<interface>");
+    add(by_route, "--table", &tree->options.table, "only of this table: its id or the name of a context", "<table-id>");
+    add(by_route, "--view", &tree->options.view, "unicast (else) or multicast", "<view>");
+    add(by_route, "--limit", &tree->options.limit, "so many routes at most", "<number>");
+    command->footer(examples(listing.examples));
+    tree->runs[command] = listing.run;
+  }
+}
+
+}  // namespace ipsh
