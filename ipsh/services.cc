@@ -11,9 +11,12 @@ namespace {
 // The library hands its callback a word, no pointer: the walk's rows are found here. One thread walks at a time.
 std::vector<std::array<uint32_t, 2>> *walked_groups = nullptr;
 
+// Far more than an interface joins: a damaged list gives a short table.
+constexpr size_t most_groups = 1u << 16;
+
 uint32_t note_group(uint32_t group, uint32_t group_data, uint32_t) {
   walked_groups->push_back({group, group_data});
-  return 0;
+  return walked_groups->size() == most_groups ? 1 : 0;
 }
 
 std::vector<std::array<uint32_t, 2>> groups_of(uint32_t iod) {
