@@ -44,11 +44,12 @@ std::vector<KernelNextHop> multipath(Bytes bytes) {
   std::vector<KernelNextHop> next_hops;
   rtnexthop header;
   while (take(bytes, header) && header.rtnh_len >= sizeof header && header.rtnh_len <= bytes.size()) {
-    KernelNextHop &next_hop = next_hops.emplace_back();
+    KernelNextHop next_hop;
     next_hop.ifindex = static_cast<uint32_t>(header.rtnh_ifindex);
     each_attribute(bytes.subspan(sizeof header, header.rtnh_len - sizeof header), [&](int type, Bytes value) {
       if (type == RTA_GATEWAY) next_hop.gateway = ntohl(word(value));
     });
+    if ((header.rtnh_flags & RTNH_F_DEAD) == 0) next_hops.push_back(next_hop);
     bytes = bytes.subspan(std::min<size_t>(RTNH_ALIGN(header.rtnh_len), bytes.size()));
   }
   return next_hops;

@@ -27,7 +27,7 @@ struct KernelAnswer {
   uint8_t len = 0;      // of the route's prefix, in matching_route(); 32 otherwise
   uint32_t table = 0;   // that the route stands in
   uint32_t source = 0;  // host order; 0: none
-  std::vector<KernelNextHop> next_hops;
+  std::vector<KernelNextHop> next_hops;  // without the dead ones of several
 };
 
 struct KernelQuestion {

@@ -57,8 +57,8 @@ std::string RouteAgreement::difference(uint32_t dest, DestinationsSeen *seen) {
   // To a peer the kernel speaks with the address that has this peer; a client's answer goes by subnets, and such an
   // address has none.
   const bool to_peer = is_connected(match) && !same_subnet(match, match.source, dest);
-  if (way.error != 0 || (way.source != source && !to_peer))
-    return answer + ", but the kernel's source is " + dotted(way.source);
+  const bool another_source = way.source != source && compare_sources_ && !to_peer;
+  if (way.error != 0 || another_source) return answer + ", but the kernel's source is " + dotted(way.source);
   ++(unicast ? seen->unicast : match.type == RTN_LOCAL ? seen->local : seen->broadcast);
   if (match.next_hops.size() > 1) ++seen->multipath;
   return difference_of_kind(dest, match, out);

@@ -24,6 +24,10 @@ class RouteAgreement {
   // table (0: the main one). In the namespace and with the interfaces that there are now.
   explicit RouteAgreement(std::string context = "default", uint32_t mark = 0);
 
+  // Source addresses are not compared: where an interface has several, the kernel takes the one that goes with the
+  // next hop, or that the route names; a client takes the one that goes with the destination.
+  void leave_sources_out() { compare_sources_ = false; }
+
   // Outgoing interface, source address, local, attached: what differs from the kernel's answer; empty when nothing
   // does. Of several next hops, any will do.
   [[nodiscard]] std::string difference(uint32_t dest, DestinationsSeen *seen);
@@ -43,6 +47,7 @@ class RouteAgreement {
   std::string context_;
   uint32_t context_id_;
   uint32_t mark_;
+  bool compare_sources_ = true;
   KernelRoutes kernel_;
   std::map<uint32_t, uint32_t> iods_;  // by ifindex
 };
