@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // An interface that borrows the address of another one, by configuration, while the kernel's interfaces change.
+#include <arpa/inet.h>
+
+#define LIBIP_NO_INET_NTOA
 #include "im.h"
 #include "ip_api.h"
 #include "ipd_fixture.h"
@@ -135,6 +138,20 @@ TEST_F(IpdUnnumberedTest, AnotherLenderComesWithTheNextConfiguration) {
   ipd_.signal(SIGHUP);
   EXPECT_TRUE(wait_until([&] { return dotted(ip_get_local_addr(va_)) == "10.9.0.1"; }));
   EXPECT_EQ(loan().lender, "vb");
+}
+
+// Without an address on the device the kernel takes one from another device, and there is no other than the lender.
+TEST_F(IpdUnnumberedTest, ARouteOutOfItHasTheSourceAddressThatTheKernelTakes) {
+  ip("route add 20.0.0.0/8 dev va");
+  uint32_t out = 0;
+  const uint32_t dest = host_order("20.1.2.3");
+  EXPECT_TRUE(wait_until([&] { return dotted(ip_get_route(default_context, htonl(dest), &out)) == "10.1.0.1"; }));
+  EXPECT_EQ(out, va_);
+  test_support::KernelRoutes kernel;
+  const test_support::KernelAnswer way = kernel.way({.dest = dest});
+  EXPECT_EQ(dotted(way.source), "10.1.0.1");
+  ASSERT_EQ(way.next_hops.size(), 1u);
+  EXPECT_EQ(way.next_hops[0].ifindex, static_cast<uint32_t>(ifindex("va")));
 }
 
 TEST_F(IpdUnnumberedTest, IsAmongTheEnabledAndTheMulticastInterfaces) {
