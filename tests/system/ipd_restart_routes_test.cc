@@ -97,65 +97,111 @@ class IpdRestartRoutesTest : public IpdTest {
     return "";
   }
 
-  struct Client {
-    std::thread thread;
-    std::atomic<uint64_t> asked{0};
-    std::string wrong;  // read after the thread has ended
+  // Clients that ask all the time, until they are to stop or an answer is wrong.
+  class AskingClients {
+   public:
+    explicit AskingClients(const IpdRestartRoutesTest &test) {
+      for (size_t i = 0; i < clients_.size(); ++i) {
+        clients_[i].thread = std::thread([this, &test, i] { ask_on(test, clients_[i], static_cast<unsigned>(i) + 1); });
+      }
+    }
+    ~AskingClients() { (void)finish(); }
+    AskingClients(const AskingClients &) = delete;
+    AskingClients &operator=(const AskingClients &) = delete;
+
+    // True when each asks that many more rounds; false: one is stuck, or has ended at a wrong answer.
+    [[nodiscard]] bool go_on(uint64_t rounds) {
+      for (Client &client : clients_) {
+        const uint64_t before = client.asked.load(std::memory_order_relaxed);
+        if (!wait_until([&] { return client.asked.load(std::memory_order_relaxed) > before + rounds; })) return false;
+      }
+      return true;
+    }
+    // Rounds of the first one so far.
+    [[nodiscard]] uint64_t asked() const { return clients_[0].asked.load(std::memory_order_relaxed); }
+    // What was wrong, or nothing.
+    std::string finish() {
+      stop_.store(true, std::memory_order_relaxed);
+      std::string wrong;
+      for (Client &client : clients_) {
+        if (client.thread.joinable()) client.thread.join();
+        wrong += client.wrong;
+      }
+      return wrong;
+    }
+
+   private:
+    struct Client {
+      std::thread thread;
+      std::atomic<uint64_t> asked{0};
+      std::string wrong;  // read after the thread has ended
+    };
+    void ask_on(const IpdRestartRoutesTest &test, Client &client, unsigned seed) {
+      std::mt19937 random(seed);
+      // Relaxed: a flag and a counter, nothing else is handed over through them.
+      while (client.wrong.empty() && !stop_.load(std::memory_order_relaxed)) {
+        client.wrong = test.questions(random);
+        client.asked.fetch_add(1, std::memory_order_relaxed);
+      }
+    }
+    std::atomic<bool> stop_{false};
+    std::array<Client, clients> clients_;
   };
+
+  // The routes that changed last are where they are now.
+  void expect_the_last_change() {
+    const Way last = ways_[changed_to_va_ ? 0 : 1];
+    const auto there = [&] {
+      for (uint32_t i = 0; i < changing; ++i) {
+        if (!right(changing_base, i, last)) return false;
+      }
+      return true;
+    };
+    EXPECT_TRUE(wait_until(there, std::chrono::seconds(30))) << ipd_.output();
+  }
 
   std::array<Way, 2> ways_;
   bool changed_to_va_ = true;
 };
 
 TEST_F(IpdRestartRoutesTest, NoAnswerIsWrongAndNoneWaits) {
-  std::atomic<bool> stop{false};
-  std::array<Client, clients> asking;
-  for (size_t i = 0; i < asking.size(); ++i) {
-    asking[i].thread = std::thread([this, i, &stop, &client = asking[i]] {
-      std::mt19937 random(static_cast<unsigned>(i) + 1);
-      // Relaxed: a flag and a counter, nothing else is handed over through them.
-      while (client.wrong.empty() && !stop.load(std::memory_order_relaxed)) {
-        client.wrong = questions(random);
-        client.asked.fetch_add(1, std::memory_order_relaxed);
-      }
-    });
-  }
-  const auto everybody_goes_on = [&] {
-    for (Client &client : asking) {
-      const uint64_t before = client.asked.load(std::memory_order_relaxed);
-      // Ended at a wrong answer, or stuck: both are failures.
-      if (!wait_until([&] { return client.asked.load(std::memory_order_relaxed) > before + 100; })) return false;
-    }
-    return true;
-  };
+  AskingClients asking(*this);
   for (int round = 0; round < restarts; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
     change_routes(round % 2 == 1);
     ipd_.kill_now();
-    EXPECT_TRUE(everybody_goes_on()) << "without an ipd, round " << round;
+    EXPECT_TRUE(asking.go_on(100)) << "without an ipd";
     change_routes(round % 2 == 0);
     start_ipd();
-    EXPECT_TRUE(everybody_goes_on()) << "with a new ipd, round " << round;
-    const Way last = ways_[changed_to_va_ ? 0 : 1];
-    EXPECT_TRUE(wait_until(
-        [&] {
-          for (uint32_t i = 0; i < changing; ++i) {
-            if (!right(changing_base, i, last)) return false;
-          }
-          return true;
-        },
-        std::chrono::seconds(30)))
-        << "the routes that changed without an ipd, round " << round << "\n"
-        << ipd_.output();
+    EXPECT_TRUE(asking.go_on(100)) << "with a new ipd";
+    expect_the_last_change();
   }
-  stop.store(true, std::memory_order_relaxed);
-  uint64_t asked = 0;
-  for (Client &client : asking) {
-    client.thread.join();
-    EXPECT_EQ(client.wrong, "");
-    asked += client.asked.load(std::memory_order_relaxed);
+  EXPECT_EQ(asking.finish(), "");
+}
+
+// Each new one takes over from one that was killed on its way to being live.
+TEST_F(IpdRestartRoutesTest, AnIpdThatIsKilledWhileItStartsLeavesTheAnswersAsTheyWere) {
+  constexpr unsigned seed = 404;
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  AskingClients asking(*this);
+  // How far one comes is measured in questions that are asked meanwhile: so many until it is live.
+  ipd_.kill_now();
+  const uint64_t before = asking.asked();
+  start_ipd();
+  const uint64_t whole_start = asking.asked() - before;
+  for (int round = 0; round < 8; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    ipd_.kill_now();
+    ipd_ = test_support::Process(ipd_test::ipd_command({"--foreground"}));
+    EXPECT_TRUE(asking.go_on(random() % (whole_start * 3 / 2 + 1)));
+    ipd_.kill_now();
+    EXPECT_TRUE(asking.go_on(10));
   }
-  RecordProperty("rounds_of_questions", std::to_string(asked));
-  EXPECT_GT(asked, 1000u);
+  change_routes(false);
+  start_ipd();
+  expect_the_last_change();
+  EXPECT_EQ(asking.finish(), "");
 }
 
 // While an ipd that was killed is away, a client that comes finds what it left.
