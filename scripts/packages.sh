@@ -15,8 +15,8 @@ package_is_installed() {
   [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
-# install_quietly NAME...: apt-get install as root, without starting a service that comes along. A policy that the machine
-# has already is left alone.
+# install_quietly NAME...: apt-get install as root, without starting a service that comes along. A policy that the
+# machine has already is left alone.
 # shellcheck disable=SC2016
 install_quietly='
   policy=/usr/sbin/policy-rc.d
@@ -62,6 +62,7 @@ install_packages() {
   for each in $packages_services; do
     for name in "${missing[@]}"; do [ "$name" != "${each%:*}" ] || services+=("${each#*:}"); done
   done
-  [ ${#services[@]} -eq 0 ] || "${as_root[@]}" sh -c "$disable_services" disable_services "${services[@]}" >/dev/null 2>&1 ||
+  [ ${#services[@]} -eq 0 ] ||
+    "${as_root[@]}" sh -c "$disable_services" disable_services "${services[@]}" >/dev/null 2>&1 ||
     echo "note: could not disable: ${services[*]}" >&2
 }
