@@ -35,7 +35,10 @@
 #include "ip_db.h"
 #include "ip_memory_types.h"
 #include "ip_messages.h"
+#include "ip_msg.h"
 #include "log.h"
+#include "mts.h"
+#include "tlvu.h"
 
 #ifdef __cplusplus
 extern "C" {
