@@ -70,15 +70,16 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
 //   vector        the pieces; null takes them away. It must stay as it is until the send has returned
 // Threads: any, one per record. Blocks: no. Owns: nothing.
 static inline void mts_send_opts_set_vector(struct mts_send_opts *opts, struct mts_iovec *vector) {
+  const uintptr_t address = (uintptr_t)vector;
   opts->w[3] = 0;
-  memcpy(&opts->w[2], &vector, sizeof vector);
+  memcpy(&opts->w[2], &address, sizeof address);
 }
 
 // The pieces that mts_send_opts_set_vector named; null when there are none.
 static inline struct mts_iovec *mts_send_opts_vector(const struct mts_send_opts *opts) {
-  struct mts_iovec *vector;
-  memcpy(&vector, &opts->w[2], sizeof vector);
-  return vector;
+  uintptr_t address;
+  memcpy(&address, &opts->w[2], sizeof address);
+  return (struct mts_iovec *)address;
 }
 
 // ------------------------------------------------------------------------------------------------------------- queues
