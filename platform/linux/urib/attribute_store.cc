@@ -90,6 +90,10 @@ void AttributeStore::drop_next_hops(uint32_t next_hops) {
   arena_.retire(next_hops_type(hops->count), hops);
 }
 
+uint32_t AttributeStore::recent_slot(const Attributes &attributes, uint32_t first_addr) {
+  return static_cast<uint32_t>(mix(uint64_t{attributes.metric} << 32 | attributes.first_iod, first_addr) >> 53);
+}
+
 uint32_t AttributeStore::take(const Route &route) {
   Attributes wanted{};
   wanted.kind = static_cast<uint8_t>(route.kind);
@@ -98,16 +102,33 @@ uint32_t AttributeStore::take(const Route &route) {
   wanted.metric = route.metric;
   wanted.origin = route.origin;
   wanted.pref_src = route.pref_src;
+  uint32_t first_addr = 0;
+  if (!route.next_hops.empty()) {
+    wanted.first_iod = route.next_hops.front().iod;
+    wanted.first_data = route.next_hops.front().data;
+    first_addr = route.next_hops.front().addr;
+  }
+  Entry *&recent = recent_[recent_slot(wanted, first_addr)];
+  if (recent != nullptr) {
+    const auto *attributes = at_address<Attributes>(recent->address);
+    wanted.next_hops = attributes->next_hops;
+    const bool same_hops = wanted.next_hops == 0 ? route.next_hops.empty()
+                                                 : same(*at_address<NextHops>(wanted.next_hops), route.next_hops);
+    if (same_hops && memcmp(attributes, &wanted, sizeof wanted) == 0) {
+      ++recent->users;
+      return recent->address;
+    }
+    wanted.next_hops = 0;
+  }
   if (!route.next_hops.empty()) {
     wanted.next_hops = take_next_hops(route);
     if (wanted.next_hops == 0) return 0;
-    wanted.first_iod = route.next_hops.front().iod;
-    wanted.first_data = route.next_hops.front().data;
   }
   const uint64_t hash = hash_of(wanted);
   for (auto [entry, end] = attributes_.equal_range(hash); entry != end; ++entry) {
     if (memcmp(at_address<Attributes>(entry->second.address), &wanted, sizeof wanted) != 0) continue;
     ++entry->second.users;
+    recent = &entry->second;
     if (wanted.next_hops != 0) drop_next_hops(wanted.next_hops);
     return entry->second.address;
   }
@@ -117,7 +138,7 @@ uint32_t AttributeStore::take(const Route &route) {
     return 0;
   }
   *attributes = wanted;
-  attributes_.emplace(hash, Entry{address_of(attributes), 1});
+  recent = &attributes_.emplace(hash, Entry{address_of(attributes), 1})->second;
   return address_of(attributes);
 }
 
@@ -127,8 +148,15 @@ void AttributeStore::hold(uint32_t attributes) {
 
 void AttributeStore::drop(uint32_t attributes) {
   auto *record = at_address<Attributes>(attributes);
+  const uint32_t first_addr = record->next_hops == 0 ? 0 : at_address<NextHops>(record->next_hops)->hop[0].addr;
+  Entry *&recent = recent_[recent_slot(*record, first_addr)];
+  if (recent != nullptr && recent->address == attributes && recent->users > 1) {
+    --recent->users;
+    return;
+  }
   const auto entry = find(attributes_, hash_of(*record), attributes);
   if (--entry->second.users != 0) return;
+  if (recent == &entry->second) recent = nullptr;
   if (record->next_hops != 0) drop_next_hops(record->next_hops);
   attributes_.erase(entry);
   arena_.retire(attributes_type, record);

@@ -3,6 +3,7 @@
 #ifndef RSW_URIB_ATTRIBUTE_STORE_H
 #define RSW_URIB_ATTRIBUTE_STORE_H
 
+#include <array>
 #include <cstdint>
 #include <unordered_map>
 
@@ -29,6 +30,11 @@ class AttributeStore {
     uint32_t users;
   };
   using Entries = std::unordered_multimap<uint64_t, Entry>;  // by the hash of the contents
+
+  // By metric and first next hop: the attributes that were taken last. A table's routes say few different things, and
+  // one look here saves two in the maps.
+  std::array<Entry *, 2048> recent_{};
+  static uint32_t recent_slot(const Attributes &attributes, uint32_t first_addr);
 
   uint32_t take_next_hops(const Route &route);
   void drop_next_hops(uint32_t next_hops);
