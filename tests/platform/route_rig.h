@@ -49,9 +49,10 @@ inline Route route(uint32_t addr, uint8_t len, RouteKind kind, uint32_t iod, uin
   return made;
 }
 
-// What the twin and a lookup compare: the iod of the first next hop is each test route's mark.
+// What the twin and a lookup compare: the iod of the first next hop is each test route's mark. A route that passes on
+// has none, as no route.
 inline uint32_t mark_of(const std::optional<Route> &found) {
-  return found.has_value() ? found->next_hops.at(0).iod : 0;
+  return found.has_value() && !found->next_hops.empty() ? found->next_hops[0].iod : 0;
 }
 inline uint32_t mark_of(void *handle) {
   return urib_route_first_bnh_iod_get(handle);

@@ -25,6 +25,10 @@ class Prefixes {
                                           RouteKind::static_, RouteKind::multicast_static, RouteKind::other};
     Route made = route(addr, len, kinds[random_() % 6], ++mark_);
     made.metric = number(3);
+    if (number(8) == 0) {
+      made.action = rsw::RouteAction::pass_on;
+      made.next_hops.clear();
+    }
     return made;
   }
   uint32_t some_addr() {
@@ -78,7 +82,9 @@ TEST_P(RouteLookups, AnswerAsTheTwinAfterAnyChanges) {
     if (change % 1000 == 500) {
       std::vector<Route> loaded = twin.all(RouteView::unicast);
       std::erase_if(loaded, [&](const Route &) { return prefixes.number(2) == 0; });
-      for (Route &kept : loaded) kept.next_hops[0].iod += 1u << 20;
+      for (Route &kept : loaded) {
+        for (rsw::RouteNextHop &hop : kept.next_hops) hop.iod += 1u << 20;
+      }
       for (const Route &kept : twin.all(RouteView::multicast)) loaded.push_back(kept);
       std::reverse(loaded.begin(), loaded.end());
       ASSERT_TRUE(rig.writer->load(table, loaded)) << rig.writer->last_error();

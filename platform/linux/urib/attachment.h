@@ -32,6 +32,16 @@ uint32_t attach_late();
   return body_at(directory(), table);
 }
 
+// The shortcut of a table's unicast trie; a word that leads nowhere: ask the body.
+[[nodiscard]] inline uint32_t shortcut_of(uint32_t table) {
+  // Acquire: as in directory().
+  const uint32_t header = observe_word(header_word);
+  if (header == 0 || table >= small_tables) [[unlikely]]
+    return 0;
+  // Acquire: the shortcut behind the word; partner: the stores in UribWriter.
+  return observe_word(at_address<const Shortcuts>(header + shortcuts_offset)->regions[table]);
+}
+
 // Lets go of a mapping that only a closed client has kept: a writer in this process is about to map the segment.
 void detach_idle();
 

@@ -45,14 +45,17 @@ uint32_t TrieWriter::build_node(Change &change, std::span<const Item> items, uin
     }
     ++i;
   }
-  auto *node = change.allocate<Node>(node_type);
+  const bool is_direct = level == direct_level;
+  const uint32_t count = count_bits(near) + count_bits(far);
+  auto *node = change.allocate<Node>(is_direct ? direct_node_type(count) : node_type);
   if (node == nullptr) return 0;
   node->near[0] = static_cast<uint32_t>(near);
   node->near[1] = static_cast<uint32_t>(near >> 32);
   node->far[0] = static_cast<uint32_t>(far);
   node->far[1] = static_cast<uint32_t>(far >> 32);
-  if ((near | far) != 0) {
-    auto *row = change.allocate<Row>(row_type(count_bits(near) + count_bits(far)));
+  if (count != 0) {
+    auto *row = is_direct ? at_address<Row>(address_of(node) + offsetof(DirectNode, row))
+                          : change.allocate<Row>(row_type(count));
     if (row == nullptr) return 0;
     uint32_t *to = row->word;
     for (; near != 0; near &= near - 1) *to++ = near_word[std::countr_zero(near)];
@@ -68,6 +71,7 @@ uint32_t TrieWriter::build_node(Change &change, std::span<const Item> items, uin
     for (; present != 0; present &= present - 1) *to++ = child[std::countr_zero(present)];
     node->children = address_of(children);
   }
+  fill_places(node, level);
   return address_of(node);
 }
 

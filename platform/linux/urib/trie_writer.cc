@@ -129,17 +129,27 @@ struct TrieWriter::RouteSet {
   }
 };
 
-Node *TrieWriter::make_node(Change &change, const RouteSet &routes) {
-  auto *node = change.allocate<Node>(node_type);
+// With places that fill_places() will fill, when its children are known.
+Node *TrieWriter::make_node(Change &change, const RouteSet &routes, uint32_t level) {
+  const bool is_direct = level == direct_level;
+  auto *node = change.allocate<Node>(is_direct ? direct_node_type(routes.count) : node_type);
   if (node == nullptr) return nullptr;
   set_bits(node->near, routes.near);
   set_bits(node->far, routes.far);
   if (routes.count == 0) return node;
-  auto *row = change.allocate<Row>(row_type(routes.count));
+  Row *row = is_direct ? record_at<Row>(address_of(node) + offsetof(DirectNode, row))
+                       : change.allocate<Row>(row_type(routes.count));
   if (row == nullptr) return nullptr;
   for (uint32_t i = 0; i < routes.count; ++i) fill_word(row->word[i], routes.word[i]);
   fill_word(node->row, address_of(row));
   return node;
+}
+
+void TrieWriter::take_out_node(Change &change, const Node &node, uint32_t level) {
+  const uint32_t count = routes_in(node);
+  if (level == direct_level) return change.take_out(direct_node_type(count), address_of(&node));
+  if (count != 0) change.take_out(row_type(count), node.row);
+  change.take_out(node_type, address_of(&node));
 }
 
 uint32_t TrieWriter::find(uint32_t addr, uint32_t len) const {
@@ -180,6 +190,7 @@ void TrieWriter::apply(Change &change, const Pending &pending) {
   if (pending.block != nullptr) {
     publish_word(regions()->region[pending.addr >> (32 - region_bits)].block, address_of(pending.block));
   }
+  if (pending.len > direct_level + node_bits) refresh_place(pending.addr);
   if (pending.len > region_bits) drop_block(change, pending.addr);
   refresh(pending.addr, pending.len);
 }
@@ -212,14 +223,14 @@ bool TrieWriter::prepare_put(Change &change, const Item &item, Pending *pending)
   }
   RouteSet routes = RouteSet::of(*present);
   const uint32_t replaced = routes.put(bits_at(item.addr, level), item.len - level, row_word);
-  Node *node = make_node(change, routes);
+  Node *node = make_node(change, routes, level);
   if (node == nullptr) return false;
   fill_word(node->children, present->children);
   fill_word(node->above, present->above);
+  fill_places(node, level);
   if (replaced == 0) ++pending->routes;
   if (replaced != 0 && level < direct_level) change.take_out(route_word_type, replaced);
-  if (present->row != 0) change.take_out(row_type(routes_in(*present)), present->row);
-  change.take_out(node_type, address_of(present));
+  take_out_node(change, *present, level);
   pending->word = path.word[path.depth];
   pending->value = address_of(node);
   return true;
@@ -231,14 +242,17 @@ bool TrieWriter::prepare_missing(Change &change, const Path &path, const Item &i
   const uint32_t level = level_of(item.len);
   RouteSet routes;
   routes.put(bits_at(item.addr, level), item.len - level, row_word);
-  Node *node = make_node(change, routes);
+  Node *node = make_node(change, routes, level);
+  if (node != nullptr) fill_places(node, level);
   Node *const lowest = path.node[path.depth];
   const uint32_t stop = lowest == nullptr ? 0 : path.level() + node_bits;
   for (uint32_t above = level; node != nullptr && above > stop;) {
     above -= node_bits;
     Children *children = changed(change, nullptr, bits_at(item.addr, above), address_of(node));
-    node = make_node(change, RouteSet{});
-    if (children != nullptr && node != nullptr) fill_word(node->children, address_of(children));
+    node = make_node(change, RouteSet{}, above);
+    if (children == nullptr || node == nullptr) return false;
+    fill_word(node->children, address_of(children));
+    fill_places(node, above);
   }
   if (change.failed()) return false;
   if (lowest == nullptr) {
@@ -265,15 +279,15 @@ bool TrieWriter::prepare_erase(Change &change, uint32_t addr, uint32_t len, Pend
   if (node == nullptr || exactly_in(*node, bits, len - level).longer == 0) return true;
   *pending = {.word = nullptr, .value = 0, .block = nullptr, .addr = addr, .len = len, .routes = routes_ - 1};
   RouteSet routes = RouteSet::of(*node);
-  change.take_out(row_type(routes.count), node->row);
-  change.take_out(node_type, address_of(node));
+  take_out_node(change, *node, level);
   const uint32_t word = routes.erase(bits, len - level);
   if (level < direct_level) change.take_out(route_word_type, word);
   if (routes.count != 0 || node->children != 0) {
-    Node *fresh = make_node(change, routes);
+    Node *fresh = make_node(change, routes, level);
     if (fresh == nullptr) return false;
     fill_word(fresh->children, node->children);
     fill_word(fresh->above, node->above);
+    fill_places(fresh, level);
     pending->word = path.word[path.depth];
     pending->value = address_of(fresh);
     return true;
@@ -284,8 +298,8 @@ bool TrieWriter::prepare_erase(Change &change, uint32_t addr, uint32_t len, Pend
     Node &above = *path.node[depth - 1];
     if (routes_in(above) != 0 || count_of(*record_at<Children>(above.children)) > 1) break;
     change.take_out(children_type(1), above.children);
-    change.take_out(node_type, address_of(&above));
     --depth;
+    take_out_node(change, above, depth * node_bits);
   }
   if (depth == 0) {
     pending->word = &trie_->root;
@@ -348,14 +362,14 @@ void TrieWriter::discard_node(uint32_t address, uint32_t level, bool published) 
   if (count != 0) {
     const Row &row = *record_at<Row>(node.row);
     for (uint32_t i = 0; level < direct_level && i < count; ++i) let_go(route_word_type, row.word[i], published);
-    let_go(row_type(count), node.row, published);
+    if (level != direct_level) let_go(row_type(count), node.row, published);
   }
   if (node.children != 0) {
     const Children &children = *record_at<Children>(node.children);
     for (uint32_t i = 0; i < count_of(children); ++i) discard_node(children.node[i], level + node_bits, published);
     let_go(children_type(count_of(children)), node.children, published);
   }
-  let_go(node_type, address, published);
+  let_go(level == direct_level ? direct_node_type(count) : node_type, address, published);
 }
 
 // Stores nothing to the trie: a search may be in it still.

@@ -60,10 +60,13 @@ class TrieWriter {
   struct RouteSet;
   bool prepare_whole(Change &change, uint32_t attributes, Pending *pending);
   bool prepare_missing(Change &change, const Path &path, const Item &item, uint32_t row_word, Pending *pending);
-  Node *make_node(Change &change, const RouteSet &routes);
+  Node *make_node(Change &change, const RouteSet &routes, uint32_t level);
+  static void fill_places(Node *node, uint32_t level);
+  void refresh_place(uint32_t addr);
   uint32_t build_node(Change &change, std::span<const Item> items, uint32_t level);
   bool stage_block(Change &change, uint32_t addr, Block **block);
   void refresh(uint32_t addr, uint32_t len);
+  static void take_out_node(Change &change, const Node &node, uint32_t level);
   void refresh_slot(Block &block, const Node *middle, uint32_t addr);
   void drop_block(Change &change, uint32_t addr);
   bool make_shortcut();

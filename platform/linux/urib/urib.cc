@@ -35,18 +35,50 @@ const NextHop *picked(void *route, uint32_t selector) {
   return hops == nullptr ? nullptr : pick(*hops, selector, false);
 }
 
+// The longest match by the shortcut that a word leads to, at the moment at which the slot, the place or `above` was
+// read: a node that was replaced meanwhile says what was true when that happened. Where one word or byte does not say
+// it all, what the other search answers.
+template <class Otherwise>
+void *quick(uint32_t shortcut, uint32_t addr, Otherwise otherwise) {
+  if (!leads_to<Regions, 64>(shortcut)) [[unlikely]]
+    return otherwise();
+  // Acquire, as at each swung word: what it leads to; partner: TrieWriter's stores.
+  const uint32_t block = observe_word(at_address<const Regions>(shortcut)->region[addr >> (32 - region_bits)].block);
+  if (!leads_to<Block, 64>(block)) return otherwise();
+  const uint32_t slot =
+      observe_word(at_address<const Block>(block)->slot[addr >> (32 - direct_level) & (block_slots - 1)]);
+  uint32_t named = slot ^ slot_route;
+  if ((slot & slot_route) == 0) [[likely]] {
+    if (!leads_to<DirectNode, node_align>(slot)) return otherwise();
+    const auto *node = at_address<const DirectNode>(slot);
+    const uint8_t place = __atomic_load_n(&node->place[bits_at(addr, direct_level)], __ATOMIC_ACQUIRE);
+    if (place < place_ask_tree) [[likely]]
+      return handle_of(slot + static_cast<uint32_t>(offsetof(DirectNode, row)) + 4u * place);
+    if (place == place_ask_tree) return otherwise();
+    named = observe_word(node->node.above);
+  }
+  return named != 0 && (named & ask_tree) == 0 ? handle_of(named) : otherwise();
+}
+
+// Beside the short way, so that this one needs no frame.
+[[gnu::noinline]] void *best_of_tree(uint32_t table, uint32_t addr) {
+  const Body *body = body_of(table);
+  return body == nullptr ? nullptr : handle_of(answered(*body, best_word(*body, body->unicast, addr)));
+}
+
 }  // namespace
 
 extern "C" {
 
 void *urib_get_best_route(uint32_t table, uint32_t addr, uint32_t, uint32_t) {
-  const Body *body = body_of(table);
-  return body == nullptr ? nullptr : handle_of(answered(*body, best_word(*body, body->unicast, addr)));
+  return quick(shortcut_of(table), addr, [table, addr] { return best_of_tree(table, addr); });
 }
 
 void *urib_get_best_direct_route(uint32_t table, uint32_t addr) {
   const Body *body = body_of(table);
-  return body == nullptr ? nullptr : handle_of(best_word(*body, body->direct, addr));
+  if (body == nullptr) return nullptr;
+  return quick(observe_word(body->direct.regions), addr,
+               [body, addr] { return handle_of(best_word(*body, body->direct, addr)); });
 }
 
 void *urib_get_route(uint32_t table, uint32_t addr, uint32_t len) {

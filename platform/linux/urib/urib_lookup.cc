@@ -36,6 +36,9 @@ uint32_t exact_word(const Trie &trie, uint32_t addr, uint32_t len) {
   return place.longer == 0 ? 0 : route_word(*node, level, place.index);
 }
 
+namespace {
+
+// The longest match at or below a node of level 18; 0: none.
 uint32_t longest_below(const Node *node, uint32_t addr) {
   uint32_t found = 0;
   for (uint32_t level = direct_level; node != nullptr; level += node_bits) {
@@ -47,6 +50,31 @@ uint32_t longest_below(const Node *node, uint32_t addr) {
     node = child == nullptr ? nullptr : node_at(observe_word(*child));
   }
   return found;
+}
+
+}  // namespace
+
+uint32_t longest_word(const Trie &trie, uint32_t addr) {
+  const Regions *regions = follow<Regions, 64>(observe_word(trie.regions));
+  if (regions == nullptr) return walk(trie, addr, 32).word;
+  const Region &region = regions->region[addr >> (32 - region_bits)];
+  const Block *block = follow<Block, 64>(observe_word(region.block));
+  if (block != nullptr) {
+    const uint32_t slot = observe_word(block->slot[addr >> (32 - direct_level) & (block_slots - 1)]);
+    uint32_t named = slot;
+    if ((slot & slot_route) == 0) {
+      const Node *node = node_at(slot);
+      const uint32_t found = longest_below(node, addr);
+      if (found != 0) return found;
+      named = node == nullptr ? 0 : observe_word(node->above);
+    }
+    if (named != 0) return named & ~slot_tags;
+  }
+  return observe_word(region.best) & ~slot_tags;
+}
+
+uint32_t best_word(const Body &body, const Trie &trie, uint32_t addr) {
+  return at_one_moment(body, [&] { return longest_word(trie, addr); });
 }
 
 Match best_match(const Body &body, const Trie &trie, uint32_t addr, uint32_t most) {

@@ -4,9 +4,11 @@
 // What a search must never do is fault or go on for ever on damaged memory: each word is followed only when a record of
 // that size and alignment can be read there, and no search goes deeper than the six levels that there are.
 //
-// A search reads several swung words, and a writer that adds a longer route and then changes the shorter one could show
-// it the old half of the first change with the new half of the second, which never stood together. So it looks at the
-// table's count of changes before and after, and begins again when that has moved.
+// Most searches take their answer from one swung word or byte, and what they saw there is the answer of that moment:
+// all else on the way leads there and says nothing itself. Some read several, and a writer that adds a longer route and
+// then changes the shorter one could show these the old half of the first change with the new half of the second, which
+// never stood together. So they look at the table's count of changes before and after, and begin again when that has
+// moved.
 #ifndef RSW_URIB_URIB_LOOKUP_H
 #define RSW_URIB_URIB_LOOKUP_H
 
@@ -22,14 +24,18 @@ namespace rsw::urib {
   return len == 0 ? 0 : ~0u << (32 - len);
 }
 
-// The record that a word leads to; null when none of that size can be there.
+// Whether a word leads to where a record of that size can be.
 template <class T, uint32_t align = 4, uint32_t bytes = sizeof(T)>
-[[nodiscard]] inline const T *follow(uint32_t word) {
+[[nodiscard]] inline bool leads_to(uint32_t word) {
   constexpr uint32_t span = (window_high - segment_page - window_low - bytes) / align;
   // The low bits of a word that is not aligned become the highest of the rotated one: more than the span. The 0 of "no
   // record" lies below the windows.
-  if (std::rotr(word - window_low, std::countr_zero(align)) >= span) return nullptr;
-  return at_address<const T>(word);
+  return std::rotr(word - window_low, std::countr_zero(align)) < span;
+}
+// The record that a word leads to; null when none can be there.
+template <class T, uint32_t align = 4, uint32_t bytes = sizeof(T)>
+[[nodiscard]] inline const T *follow(uint32_t word) {
+  return leads_to<T, align, bytes>(word) ? at_address<const T>(word) : nullptr;
 }
 
 // Relaxed: bits of a node never change while a reader can reach it; the swung word that led here was acquired.
@@ -143,53 +149,8 @@ struct Match {
 // The route of exactly this prefix, which has no bits beyond its length.
 [[nodiscard]] uint32_t exact_word(const Trie &trie, uint32_t addr, uint32_t len);
 
-// The longest match at or below a node of level 18 that has children; 0: none.
-[[nodiscard]] uint32_t longest_below(const Node *node, uint32_t addr);
-
-// Of two words without a branch, which would often be foretold wrongly where routes of all lengths meet.
-[[nodiscard]] inline uint32_t choose(bool first, uint32_t a, uint32_t b) {
-  return b ^ ((a ^ b) & (0u - static_cast<uint32_t>(first)));
-}
-
-// The last page of the range of all windows belongs to no segment and reads zeros: an empty node, an empty block.
-inline constexpr uint32_t zeros = window_high - segment_page;
-
-// The record that a word leads to, or zeros when none can be there.
-template <class T, uint32_t align>
-[[nodiscard]] inline const T *follow_or_zeros(uint32_t word) {
-  static_assert(sizeof(T) <= segment_page);
-  constexpr uint32_t span = (window_high - segment_page - window_low - static_cast<uint32_t>(sizeof(T))) / align;
-  return at_address<const T>(choose(std::rotr(word - window_low, std::countr_zero(align)) < span, word, zeros));
-}
-
-// The longest match, a RouteWord's address or 0.
-[[nodiscard]] inline uint32_t longest_word(const Trie &trie, uint32_t addr) {
-  // Acquire, as at each swung word: what it leads to; partner: TrieWriter's stores.
-  const Regions *regions = follow<Regions, 64>(observe_word(trie.regions));
-  if (regions == nullptr) return walk(trie, addr, 32).word;
-  const Region &region = regions->region[addr >> (32 - region_bits)];
-  const Block *block = follow_or_zeros<Block, 64>(observe_word(region.block));
-  const uint32_t slot = observe_word(block->slot[addr >> (32 - direct_level) & (block_slots - 1)]);
-  const Node *node = follow_or_zeros<Node, node_align>(slot);  // a slot that names a route is no node's address
-  const uint32_t bits = bits_at(addr, direct_level);
-  const uint64_t far = bits_of(node->far);
-  const uint64_t near = bits_of(node->near);
-  const uint32_t named = choose((slot & slot_route) != 0, slot & ~slot_route, observe_word(node->above));
-  const uint32_t best = observe_word(region.best);
-  const uint32_t shorter = choose(named != 0, named, best);
-  if (observe_word(node->children) != 0) [[unlikely]] {
-    const uint32_t word = longest_below(node, addr);
-    return word != 0 ? word : shorter;
-  }
-  // As longest_in(): the far route if there is one, else the longest of the near ones.
-  const uint64_t is_far = 0 - (far >> bits & 1);
-  const uint64_t path = near & path_of[bits >> 1];
-  const auto top = static_cast<uint32_t>(63 - std::countl_zero(path | 1));
-  const uint64_t near_before = near & (((uint64_t{1} << top) - 1) | is_far);
-  const uint64_t far_before = far & ((uint64_t{1} << bits) - 1) & is_far;
-  const uint32_t place = count_bits(near_before) + count_bits(far_before);
-  return choose((path | is_far) != 0, load_word(node->row) + 4 * place, shorter);
-}
+// The longest match, a RouteWord's address or 0: as of one moment only while the count of changes stands.
+[[nodiscard]] uint32_t longest_word(const Trie &trie, uint32_t addr);
 
 // The attributes of a route; null for 0 and for damaged words.
 [[nodiscard]] inline const Attributes *attributes_at(uint32_t word) {
@@ -217,9 +178,7 @@ inline auto at_one_moment(const Body &body, Ask ask) {
   }
 }
 
-[[nodiscard]] inline uint32_t best_word(const Body &body, const Trie &trie, uint32_t addr) {
-  return at_one_moment(body, [&] { return longest_word(trie, addr); });
-}
+[[nodiscard]] uint32_t best_word(const Body &body, const Trie &trie, uint32_t addr);
 // The longest of at most `most` bits.
 [[nodiscard]] Match best_match(const Body &body, const Trie &trie, uint32_t addr, uint32_t most);
 // As best_match in the view of reverse-path checks.

@@ -9,13 +9,17 @@
 //
 // Beside the tree of a trie with many routes stands a shortcut to level 18: per 12 bits a Region, which knows the best
 // route of up to 12 bits, and per region a Block of one slot per 18 bits. A slot leads to the node of level 18, or
-// names the best route of 13 to 18 bits where there is no node; a node knows that one too, in `above`. So a search
-// reads one region, one slot and one node, whatever is in the table.
+// names the best route of 13 to 18 bits where there is no node; a node knows that one too, in `above`. A node of level
+// 18 says in one byte for each of its 64 values where the answer stands. So a search reads one region, one slot and one
+// byte, whatever is in the table.
 //
 // A route's handle is the address of a RouteWord, the word that leads to its attributes. Routes longer than 18 bits
 // have their RouteWords one after another in a Row of their node: a search computes the handle without reading it. The
 // few shorter ones, which the shortcut names in many places, have RouteWords that keep their address, and rows lead
 // there.
+//
+// Most searches need no more than that byte. It, or the word of the shortcut that names a route, sends the others to
+// the tree: those that meet routes longer than 24 bits, and those whose best route passes on.
 //
 // Published records never change but for the words that this file calls swung: those lead readers on, and each is
 // stored to once per change.
@@ -50,7 +54,7 @@ struct Node {
   uint32_t near[2];   // bit 2^n + b: there is one n (1 .. 5) bits longer, b being these n bits
   uint32_t row;       // address of a Row: the near routes in the order of their bits, then the far ones; 0: none
   uint32_t children;  // swung. Address of Children; 0: none
-  uint32_t above;     // swung. Level 18 only: RouteWord of the best route of 13 to 18 bits; 0: none
+  uint32_t above;     // swung. Level 18 only: RouteWord of the best route of 13 to 18 bits, tagged; 0: none
   uint32_t reserved;
 };
 static_assert(sizeof(Node) == 32);
@@ -59,7 +63,7 @@ static_assert(offsetof(Node, row) == 16);
 static_assert(offsetof(Node, children) == 20);
 static_assert(offsetof(Node, above) == 24);
 static_assert(std::is_trivially_copyable_v<Node>);
-inline constexpr uint32_t node_align = 32;
+inline constexpr uint32_t node_align = 8;
 inline constexpr uint32_t most_routes_of_node = 62 + 64;
 
 // The nodes below a node, six bits longer.
@@ -77,6 +81,24 @@ struct Row {
 };
 inline constexpr uint32_t row_align = 8;
 
+// A node of level 18. Its row is its own.
+struct DirectNode {
+  Node node;
+  uint8_t place[64];  // swung. Per six bits: which word of the row is the best route of 19 to 24 bits, or one of these:
+  Row row;            // as many words as there are routes
+};
+static_assert(sizeof(DirectNode) == 600);
+static_assert(offsetof(DirectNode, place) == 32);
+static_assert(offsetof(DirectNode, row) == 96);
+static_assert(std::is_trivially_copyable_v<DirectNode>);
+inline constexpr uint8_t place_ask_tree = 0xfe;
+inline constexpr uint8_t place_none = 0xff;  // shorter routes decide
+static_assert(most_routes_of_node < place_ask_tree);
+
+// In a word of the shortcut that names a route: it passes on, so ask the tree. RouteWords that are named have these
+// bits 0.
+inline constexpr uint32_t ask_tree = 2;
+
 // Where a route's handle points.
 struct RouteWord {
   uint32_t attributes;  // address of Attributes
@@ -84,7 +106,7 @@ struct RouteWord {
 
 struct Region {
   uint32_t block;  // swung. Address of a Block; 0: nothing is longer than 12 bits here
-  uint32_t best;   // swung. RouteWord of the best route of up to 12 bits; 0: none
+  uint32_t best;   // swung. RouteWord of the best route of up to 12 bits, tagged; 0: none
 };
 struct Regions {
   Region region[region_count];
@@ -92,10 +114,11 @@ struct Regions {
 static_assert(sizeof(Regions) == 32768);
 
 struct Block {
-  uint32_t slot[block_slots];  // swung. 0; address of a Node; or of a RouteWord, with slot_route set
+  uint32_t slot[block_slots];  // swung. 0; address of a DirectNode; or of a RouteWord, tagged and with slot_route set
 };
 static_assert(sizeof(Block) == 256);
 inline constexpr uint32_t slot_route = 1;
+inline constexpr uint32_t slot_tags = slot_route | ask_tree;
 
 // One of a table's three tries.
 struct Trie {
@@ -139,6 +162,13 @@ struct Directory {
 static_assert(sizeof(Directory) == 4112);
 static_assert(offsetof(Directory, small) == 16);
 
+// Behind the segment's header, in every generation of the tables: what most lookups look at first.
+struct Shortcuts {
+  uint32_t regions[small_tables];  // swung. Of each smaller table, what its unicast trie's `regions` says
+};
+static_assert(sizeof(Shortcuts) == segment_page);
+inline constexpr uint32_t shortcuts_offset = segment_page;
+
 struct NextHop {
   uint32_t iod;
   uint32_t addr;
@@ -181,7 +211,7 @@ static_assert(offsetof(Attributes, first_data) == 24);
 static_assert(std::is_trivially_copyable_v<Attributes>);
 
 // Where the arena begins in the segment.
-inline constexpr uint32_t arena_offset = segment_page;
+inline constexpr uint32_t arena_offset = shortcuts_offset + segment_page;
 
 }  // namespace rsw::urib
 

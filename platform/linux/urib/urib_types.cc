@@ -29,15 +29,19 @@ std::vector<RecordTypeInfo> record_types() {
   add(first_next_hops_type, next_hops_sizes, offsetof(NextHops, hop), sizeof(NextHop), "next hops");
   const std::vector<RecordTypeInfo> index = word_index_types(first_table_index_type, most_table_index_log2, 0);
   types.insert(types.end(), index.begin(), index.end());
+  add(first_direct_node_type, row_sizes, offsetof(DirectNode, row), sizeof(uint32_t), "route node with places");
   return types;
 }
 
 Purpose purpose_of(RecordType type) {
+  if (type >= first_direct_node_type) return Purpose::search;
   if (type >= first_table_index_type) return Purpose::other;
   if (type >= first_next_hops_type || type == attributes_type || type == route_word_type) return Purpose::route;
   if (type == body_type || type == table_type || type == directory_type) return Purpose::other;
   return Purpose::search;
 }
+
+static_assert(first_table_index_type + most_table_index_log2 < first_direct_node_type);
 
 Change::~Change() {
   for (const Entry &entry : fresh_) arena_.give_back(entry.type, at_address<void>(entry.address));

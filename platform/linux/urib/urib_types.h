@@ -32,6 +32,7 @@ inline constexpr RecordType first_children_type = 32;
 inline constexpr RecordType first_next_hops_type = 48;
 inline constexpr RecordType first_table_index_type = 64;
 inline constexpr uint32_t most_table_index_log2 = 20;
+inline constexpr RecordType first_direct_node_type = 96;
 
 // The type of the smallest size with room for `count`, which is at least 1 and at most the last size.
 template <size_t sizes>
@@ -45,6 +46,10 @@ template <size_t sizes>
 }
 [[nodiscard]] constexpr RecordType row_type(uint32_t count) {
   return type_for(first_row_type, row_sizes, count);
+}
+// Of a node of level 18, which has its row in itself.
+[[nodiscard]] constexpr RecordType direct_node_type(uint32_t count) {
+  return type_for(first_direct_node_type, row_sizes, count);
 }
 [[nodiscard]] constexpr RecordType children_type(uint32_t count) {
   return type_for(first_children_type, children_sizes, count);

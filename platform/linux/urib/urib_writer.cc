@@ -111,6 +111,10 @@ class Writer final : public UribWriter {
   bool take_items(std::span<const Route> routes, ItemsOfTries *items);
   void drop_items(const ItemsOfTries &items);
   void drop_attributes(const TableWriter &table);
+  void publish_shortcut(uint32_t id, const TableWriter &table);
+  [[nodiscard]] Shortcuts &shortcuts() const {
+    return *at_address<Shortcuts>(segment_->layout().base + shortcuts_offset);
+  }
   void changed(TableWriter &table) { publish_word(table.body->changes, table.body->changes + 1); }
 
   std::shared_ptr<SegmentMap> segment_;
@@ -147,6 +151,13 @@ TableWriter *Writer::make_table(uint32_t id) {
   return &entry->second;
 }
 
+// What lookups look at first. Records that go with a shortcut are retired by then, and live on until the next tick.
+void Writer::publish_shortcut(uint32_t id, const TableWriter &table) {
+  if (!committed_ || id >= small_tables || shortcuts().regions[id] == table.body->unicast.regions) return;
+  // Release: the shortcut stands before its address does; partner: shortcut_of().
+  publish_word(shortcuts().regions[id], table.body->unicast.regions);
+}
+
 void Writer::unlink(uint32_t id) {
   const auto entry = tables_.find(id);
   TableWriter table = std::move(entry->second);
@@ -155,6 +166,7 @@ void Writer::unlink(uint32_t id) {
                next == tables_.end() ? 0 : address_of(next->second.table));
   tables_.erase(entry);
   if (id < small_tables) {
+    if (committed_) publish_word(shortcuts().regions[id], 0);
     publish_word(directory_->small[id], 0);
   } else {
     index_.erase(id, 0);
@@ -213,6 +225,7 @@ bool Writer::set(uint32_t id, const Route &route) {
       attributes_.drop(gone);
     }
     changed(*table);
+    publish_shortcut(id, *table);
   }
   if (done) return true;
   remove_if_empty(id);
@@ -240,6 +253,7 @@ bool Writer::remove(uint32_t id, RouteView view, uint32_t addr, uint8_t len) {
   table.direct.adapt();
   publish_word(table.body->pass_on, table.body->pass_on - passes_on_count(old));
   changed(table);
+  publish_shortcut(id, table);
   attributes_.drop(old);
   remove_if_empty(id);
   return true;
@@ -308,6 +322,7 @@ bool Writer::load(uint32_t id, std::span<const Route> routes) {
   }
   // Release: the whole body stands before its address does; partner: body_at().
   publish_word(present->table->body, address_of(body));
+  publish_shortcut(id, fresh);
   drop_attributes(*present);
   present->discard(true);
   arena_->retire(body_type, present->body);
@@ -324,6 +339,10 @@ bool Writer::commit() {
   if (!committed_) {
     // Release: everything stands before the directory's address does; partner: directory() of attachment.h.
     publish_word(segment_->header()->root, address_of(directory_));
+    for (uint32_t id = 0; id < small_tables; ++id) {
+      const auto entry = tables_.find(id);
+      publish_word(shortcuts().regions[id], entry == tables_.end() ? 0 : entry->second.body->unicast.regions);
+    }
     if (!segment_->publish_name(&error_)) return false;
     arena_->retire_unadopted();
     committed_ = true;
