@@ -74,6 +74,14 @@ TEST_F(IcmpErrorSourceTest, StaysWhenTheNameIsAnother) {
   EXPECT_EQ(platform().log.count("lcache_im_get_extension1"), 0u);
 }
 
+TEST_F(IcmpErrorSourceTest, AnotherNameAnswersWhichOfTheTwoIsGreater) {
+  attach();
+  std::strcpy(source.if_name, "eth0");
+  EXPECT_GT(static_cast<int32_t>(ip_update_icmp_err_source_address(&source, 5, 1)), 0) << "the interface's";
+  std::strcpy(source.if_name, "eth2");
+  EXPECT_LT(static_cast<int32_t>(ip_update_icmp_err_source_address(&source, 5, 1)), 0) << "the caller's";
+}
+
 TEST_F(IcmpErrorSourceTest, StaysWhenTheInterfaceHasNoName) {
   attach();
   EXPECT_EQ(ip_update_icmp_err_source_address(&source, 99, 1), 0u);

@@ -224,6 +224,18 @@ TEST_F(LocalMulticastAddressTest, NoContextHasNone) {
   EXPECT_EQ(iod, untouched);
 }
 
+TEST_F(LocalMulticastAddressTest, OnlyRecordsOfTheContextAreRead) {
+  multicast(5, {{address(10, 0, 0, 5), 24}});
+  multicast(6, {{address(10, 0, 0, 6), 24}});
+  in_context(3, 5);
+  in_context(2, 6);
+  attach();
+  EXPECT_EQ(ip_get_local_mcast_addr(2, &iod), address(10, 0, 0, 6));
+  EXPECT_EQ(
+      with_lock_depth(calls(), {"l3vm_if_get_context_id", "lcache_im_get_extension1"}),
+      (Calls{"1: l3vm_if_get_context_id(5)", "1: l3vm_if_get_context_id(6)", "1: lcache_im_get_extension1(6, 267)"}));
+}
+
 TEST_F(LocalMulticastAddressTest, IsNoneWhenTheContextOfNoInterfaceIsKnown) {
   multicast(5, {{address(10, 0, 0, 5), 24}});
   in_context(2, 5);

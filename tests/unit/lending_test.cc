@@ -267,6 +267,29 @@ TEST_F(LocalPrefixTest, DetachedIsNoAndCleared) {
   EXPECT_EQ(platform().log.count("lcache_im_get_extension1"), 0u);
 }
 
+TEST_F(LocalPrefixTest, DetachedTakesNoLock) {
+  EXPECT_EQ(ip_get_local_prefix(iod, &prefix), 0u);
+  EXPECT_EQ(calls(), Calls{});
+}
+
+TEST_F(LocalPrefixTest, IsNoAndClearedWhenAttachmentIsLostWhileItWaitsForTheLock) {
+  own_addresses({{own, 20}});
+  attach();
+  platform().locks.while_waiting = [] { ip_api_attached = 0; };
+  EXPECT_EQ(ip_get_local_prefix(iod, &prefix), 0u);
+  expect_prefix(0, 0);
+  EXPECT_EQ(calls(), (Calls{"tsp_lock_acquire_rdlock(7)", "tsp_lock_release_rdlock(7)"}));
+}
+
+TEST_F(LocalPrefixTest, TakesNoLockInTheIpProcess) {
+  own_addresses({{own, 20}});
+  attach();
+  ip_is_server_flag = 1;
+  EXPECT_EQ(ip_get_local_prefix(iod, &prefix), 1u);
+  expect_prefix(own, 20);
+  EXPECT_EQ(calls(), Calls{"lcache_im_get_extension1(5, 267)"});
+}
+
 // ------------------------------------------------------------ the best address for a destination
 
 class BestAddressTest : public LendingFixture {};

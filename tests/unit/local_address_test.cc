@@ -195,6 +195,13 @@ TEST_F(BestVipTest, AVirtualAddressThatNobodyHoldsBelongsToNoInterface) {
   EXPECT_EQ(out, address(10, 0, 0, 8));
 }
 
+TEST_F(BestVipTest, AVirtualSubnetCountsAsWell) {
+  database.node(red, address(10, 0, 0, 0), {5}, {.length = 24, .vip = true});
+  attach();
+  EXPECT_EQ(ip_get_best_intf_vip(2, 0, 5, &out), 1u);
+  EXPECT_EQ(out, address(10, 0, 0, 0));
+}
+
 TEST_F(BestVipTest, WithoutVirtualAddressesOutIsNotWritten) {
   database.node(database.context(3, "blue"), address(10, 0, 0, 1), {5});
   attach();

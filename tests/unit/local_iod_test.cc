@@ -67,6 +67,13 @@ TEST_F(LocalIodTest, IsNoneWithoutTheDatabaseAndTakesNoLock) {
   EXPECT_EQ(calls(), Calls{});
 }
 
+TEST_F(LocalIodTest, IsNoneWhenAttachmentIsLostWhileItWaitsForTheLock) {
+  attach();
+  platform().locks.while_waiting = [] { ip_api_attached = 0; };
+  EXPECT_EQ(ip_get_iod_for_local(red, local), 0u);
+  EXPECT_EQ(calls(), (Calls{"tsp_lock_acquire_rdlock(7)", "tsp_lock_release_rdlock(7)"}));
+}
+
 TEST_F(LocalIodTest, IsNoneWhenTheTreeLibraryFails) {
   attach();
   platform().scripts.fail("pt_lookup");

@@ -278,6 +278,13 @@ TEST_F(FindOverlap, ACoverOnAnInterfaceThatIsDownIsNone) {
   EXPECT_EQ(out, 0u);
 }
 
+TEST_F(FindOverlap, WhetherTheIgnoredInterfaceIsUpIsAskedAllTheSame) {
+  held(net10, 8, {5});
+  attach();
+  EXPECT_EQ(find(address(10, 1, 2, 0), 24, 5), 0u);
+  EXPECT_EQ(only(calls(), {"im_is_adminup"}), Calls{"im_is_adminup(5)"});
+}
+
 TEST_F(FindOverlap, TheCarrierDoesNotCount) {
   held(net10, 8, {5});
   platform().interfaces[5].up = false;
@@ -498,6 +505,15 @@ TEST_F(FindOverlapDebugLines, LengthZeroShowsTheAddressItself) {
   EXPECT_EQ(lines(), (Calls{"new_subnet: 10.1.2.3", " First Key value 10.1.2.3"}));
 }
 
+TEST_F(FindOverlapDebugLines, AreMadeWhenTheLevelIsOffToo) {
+  held(address(10, 1, 2, 1), 32, {5});
+  attach();
+  EXPECT_EQ(find(address(10, 1, 2, 3), 24, 5), 0u);
+  EXPECT_STREQ(dbg_str, "Key value 10.1.2.1, mask 32");
+  EXPECT_EQ(only(calls(), {"sdwrap_chk_int"}), Calls(3, "sdwrap_chk_int(150, 0, 0, 1)")) << "once a line";
+  EXPECT_EQ(lines(), Calls{});
+}
+
 TEST_F(FindOverlapDebugLines, FollowTheWalkToTheOverlap) {
   held(address(10, 1, 2, 1), 32, {5});
   held(address(10, 1, 2, 128), 25, {6});
@@ -563,6 +579,14 @@ TEST_F(CheckOverlap, LooksOnlyAtTheFirstMoreSpecificOne) {
   attach();
   EXPECT_EQ(check(net10, 8), 0u);
   EXPECT_EQ(platform().log.count("pt_get_next_node"), 0u);
+}
+
+TEST_F(CheckOverlap, ACoverIsAskedForOnceWhereNothingIsMoreSpecific) {
+  held(net10, 8, {5});
+  down(5);
+  attach();
+  EXPECT_EQ(check(address(10, 1, 2, 0), 24), 0u);
+  EXPECT_EQ(platform().log.count("im_is_adminup"), 1u);
 }
 
 TEST_F(CheckOverlap, ComparesNoSubnets) {

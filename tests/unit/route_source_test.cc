@@ -149,6 +149,12 @@ TEST_F(RouteSourceTest, InContextZeroIsReportedByTheLookup) {
   EXPECT_EQ(calls(), Calls{limited("INVALID_NOTIFY", "Failed to get IP API VRF 0")});
 }
 
+TEST_F(RouteSourceTest, LooksForTheContextBeforeItLooksAtTheDestination) {
+  attach();
+  EXPECT_EQ(ip_get_route(0, in_network_order(address(224, 0, 0, 5)), nullptr), 0u);
+  EXPECT_EQ(calls(), Calls{limited("INVALID_NOTIFY", "Failed to get IP API VRF 0")});
+}
+
 TEST_F(RouteSourceTest, InAContextWithoutATableIsNoneBeforeUribIsAsked) {
   add_route("default", {.length = 0, .first_iod = 5});
   attach();

@@ -199,6 +199,20 @@ TEST_F(DirectedBroadcastTest, ALaterSubnetIsFoundBehindAPointToPointOne) {
   EXPECT_EQ(is_broadcast(address(10, 0, 0, 1)), 0u);
 }
 
+TEST_F(DirectedBroadcastTest, AHostOfOneSubnetMayBeTheBroadcastAddressOfAnother) {
+  addresses({{address(10, 0, 0, 1), 8}, {address(10, 0, 0, 2), 24}});
+  attach();
+  EXPECT_EQ(is_broadcast(address(10, 0, 0, 255)), 1u);
+  EXPECT_EQ(is_broadcast(address(10, 255, 255, 255)), 1u);
+  EXPECT_EQ(is_broadcast(address(10, 0, 1, 255)), 0u);
+}
+
+TEST_F(DirectedBroadcastTest, OfNoInterfaceIsNoWithoutTheLock) {
+  attach();
+  EXPECT_EQ(ip_is_addr_directed_broadcast(address(10, 0, 0, 255), 0), 0u);
+  EXPECT_EQ(calls(), Calls{});
+}
+
 TEST_F(DirectedBroadcastTest, LengthZeroHasTheTwoExtremes) {
   addresses({{address(10, 0, 0, 1), 0}});
   attach();
@@ -256,6 +270,13 @@ TEST_F(SubnetHolderTest, LooksTheContextUpUnderTheLockAndThenThePrefix) {
   ask("red", address(10, 0, 0, 0), 24);
   EXPECT_EQ(calls(), (Calls{"tsp_lock_acquire_rdlock(7)", "tsp_lock_acquire_rdlock(7)", "tsp_lock_release_rdlock(7)",
                             "pt_lookup(tree of red, 10.0.0.0, 24, 1)", "tsp_lock_release_rdlock(7)"}));
+}
+
+TEST_F(SubnetHolderTest, IsLookedUpWithTheHostBitsOfTheAddress) {
+  attach();
+  EXPECT_EQ(ask("red", address(10, 0, 0, 9), 24), 0u);
+  EXPECT_EQ(calls()[3], "pt_lookup(tree of red, 10.0.0.9, 24, 1)");
+  EXPECT_STREQ(ip_api_get_error(), "Local PT node not found for context red ip 10.0.0.9/24");
 }
 
 TEST_F(SubnetHolderTest, TakesNoLockInTheIpProcess) {

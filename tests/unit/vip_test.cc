@@ -179,6 +179,12 @@ TEST_P(LocalAddressQuestion, InNoContextIsNoWithoutTheLockAndWithoutAReport) {
   EXPECT_EQ(calls(), Calls{});
 }
 
+TEST_P(LocalAddressQuestion, InNoContextInitialisesTheUribAllTheSame) {
+  attach();
+  EXPECT_EQ(GetParam().ask_in_none(plain), 0u);
+  EXPECT_EQ(calls(), GetParam().initialises_urib ? Calls{"urib_api_init()"} : Calls{});
+}
+
 TEST_P(LocalAddressQuestion, InAnUnknownContextIsNo) {
   attach_with_urib();
   EXPECT_EQ(GetParam().ask_in_unknown(plain), 0u);
@@ -355,6 +361,15 @@ TEST_F(ActiveLocalAddressTest, IsNoneInAnUnknownContextOrOneWithoutATree) {
 TEST_F(ActiveLocalAddressTest, IsNoneWhenDetached) {
   EXPECT_EQ(ip_get_active_local_address(2), 0u);
   EXPECT_EQ(calls(), Calls{});
+}
+
+TEST_F(ActiveLocalAddressTest, IsNoneWhenAttachmentIsLostWhileItWaitsForTheLock) {
+  database.node(red, address(10, 0, 0, 1), {5});
+  attach();
+  platform().locks.while_waiting = [] { ip_api_attached = 0; };
+  EXPECT_EQ(ip_get_active_local_address(2), 0u);
+  EXPECT_EQ(platform().log.count("tsp_lock_acquire_rdlock"), 2u) << "of the context, and of the walk";
+  EXPECT_EQ(platform().log.count("pt_get_first_node"), 0u);
 }
 
 TEST_F(ActiveLocalAddressTest, FailingTreeCallsEndTheWalk) {
