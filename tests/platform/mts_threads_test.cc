@@ -21,17 +21,39 @@ namespace {
 thread_local uint64_t allocations = 0;
 }  // namespace
 
-// Not inlined: the compiler would take one half of a pair for a mistake.
-[[gnu::noinline]] void *operator new(size_t size) {
+// All forms, since one form's block may be given back by another. Not inlined: the compiler would take one half of a
+// pair for a mistake.
+[[gnu::noinline]] void *operator new(size_t size, const std::nothrow_t &) noexcept {
   ++allocations;
-  void *block = malloc(size > 0 ? size : 1);
+  return malloc(size > 0 ? size : 1);
+}
+[[gnu::noinline]] void *operator new(size_t size) {
+  void *block = operator new(size, std::nothrow);
   if (block == nullptr) throw std::bad_alloc();
   return block;
+}
+[[gnu::noinline]] void *operator new[](size_t size) {
+  return operator new(size);
+}
+[[gnu::noinline]] void *operator new[](size_t size, const std::nothrow_t &) noexcept {
+  return operator new(size, std::nothrow);
 }
 [[gnu::noinline]] void operator delete(void *block) noexcept {
   free(block);
 }
 [[gnu::noinline]] void operator delete(void *block, size_t) noexcept {
+  free(block);
+}
+[[gnu::noinline]] void operator delete(void *block, const std::nothrow_t &) noexcept {
+  free(block);
+}
+[[gnu::noinline]] void operator delete[](void *block) noexcept {
+  free(block);
+}
+[[gnu::noinline]] void operator delete[](void *block, size_t) noexcept {
+  free(block);
+}
+[[gnu::noinline]] void operator delete[](void *block, const std::nothrow_t &) noexcept {
   free(block);
 }
 
