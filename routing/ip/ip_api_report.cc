@@ -134,24 +134,28 @@ bool begin_debug_line() {
   return debug_level_on();
 }
 
-void report(msg_error_rec &message, const char *text) {
-  constexpr uint8_t adds_traceback = 1;
+const char *pass_gates(msg_error_rec &message, const char *text) {
   const libip_facility *facility = sdwrap_sys_facility;
   if (facility == nullptr) {
     syslog_msg_rate_limit(&message, text);
-    return;
+    return nullptr;
   }
-  if (facility->level < message.min_level) return;
-  if (syslog_msg_rate_limit(&message, text) != 1) return;
-
+  if (facility->level < message.min_level) return nullptr;
+  if (syslog_msg_rate_limit(&message, text) != 1) return nullptr;
   fill_message_parameters();
-  const char *name = upper_case_facility(*facility);
-  const syslog_msg_rec &printed = *message.msg;
-  // A format without a conversion for the text ignores it.
-  trel_obun_syslog(syslog_vmsg_params, printed.severity, printed.format, name, printed.severity, text);
+  return upper_case_facility(*facility);
+}
+
+void finish_report(const msg_error_rec &message, const char *name) {
+  constexpr uint8_t adds_traceback = 1;
   if ((message.flags & adds_traceback) != 0) {
-    syslog_traceback(syslog_vmsg_params, name, printed.severity, printed.name);
+    syslog_traceback(syslog_vmsg_params, name, message.msg->severity, message.msg->name);
   }
+}
+
+void report(msg_error_rec &message, const char *text) {
+  // A format without a conversion for the text ignores it.
+  report_values(message, text, text);
 }
 
 void set_error_text(const char *format, ...) {

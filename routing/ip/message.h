@@ -8,6 +8,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -17,6 +18,10 @@
 #include "mts.h"
 
 namespace libip {
+
+inline constexpr uint32_t no_queue = ~uint32_t{0};
+inline constexpr int32_t dynamic_sap = -1;     // what a queue is bound on when any SAP will do
+inline constexpr uint32_t packet_offset = 32;  // of the word in a packet message that names the packet's first buffer
 
 // Fills the common header.
 inline void fill_header(ip_msg_header &header, uint16_t minor_type) {
@@ -57,6 +62,14 @@ inline ip_msgtype *as_message(Record &record) {
   options.w[2] = wait;
   options.w[3] = token;
   return options;
+}
+
+// Fills a field of a message: the text, cut to the field, then zeros. A text that fills the field is not terminated.
+template <size_t Size>
+inline void copy_text(char (&field)[Size], const char *text) {
+  const size_t length = text == nullptr ? 0 : strnlen(text, Size);
+  std::memset(field, 0, Size);
+  std::copy_n(text, length, field);
 }
 
 // Tells whoever looks at the console that memory has run out: the system log may be out of it, too.

@@ -18,7 +18,23 @@ inline constexpr size_t message_text_size = 120;
 // words; its text then reaches only the rate limiter.
 void report(msg_error_rec &message, const char *text);
 
-// The same with a text that is formatted first. A null string shows as "(null)".
+// The gates of a message: null when it stops at one; else the facility's name, and the parameter block is filled in.
+const char *pass_gates(msg_error_rec &message, const char *text);
+
+// What follows a message that was printed.
+void finish_report(const msg_error_rec &message, const char *name);
+
+// Emits a catalogue message whose arguments are not one text: `text` is what the rate limiter sees of it.
+template <class... Values>
+[[gnu::noinline, gnu::cold]] void report_values(msg_error_rec &message, const char *text, Values... values) {
+  const char *name = pass_gates(message, text);
+  if (name == nullptr) return;
+  trel_obun_syslog(syslog_vmsg_params, message.msg->severity, message.msg->format, name, message.msg->severity,
+                   values...);
+  finish_report(message, name);
+}
+
+// As report(), with a text that is formatted first. A null string shows as "(null)".
 // Apart from its callers, so that a query which has nothing to report makes no room for a text.
 template <class... Arguments>
 [[gnu::noinline, gnu::cold]] void report_formatted(msg_error_rec &message, const char *format, Arguments... arguments) {

@@ -31,6 +31,7 @@ mts_msg_ref_t hand_out(Message message) {
 
 uint32_t mts_bind(uint32_t kind, int32_t sap, struct mts_bind_opts *opts, const char *name) {
   platform().log.call(__func__, kind, sap, opts != nullptr ? opts->flags : 0, name);
+  if (opts != nullptr) std::memcpy(platform().bind_options.data(), opts, sizeof *opts);
   const uint32_t queue = platform().scripts.result<uint32_t>(__func__, platform().next_queue, bind_failed);
   if (queue == bind_failed) return queue;
   platform().next_queue++;
@@ -52,7 +53,9 @@ int32_t mts_recv_q_unblock(uint32_t queue) {
 int32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_t opcode, void *payload, uint32_t size,
                  mts_msg_ref_t *sent, uint32_t zero, void *opts) {
   platform().log.call(__func__, queue, node, sap, opcode, size, zero);
-  const int32_t status = platform().scripts.result<int32_t>(__func__, static_cast<int32_t>(size), -1);
+  // Of a plain send any status that is not negative is good, of a request only 0.
+  const int32_t good = sent == nullptr ? static_cast<int32_t>(size) : 0;
+  const int32_t status = platform().scripts.result<int32_t>(__func__, good, -1);
   if (status < 0) return status;
   const auto *bytes = static_cast<const uint8_t *>(payload);
   SentMessage message{.queue = queue,
@@ -72,6 +75,7 @@ int32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_t opcode, v
 
 int32_t mts_recv(uint32_t queue, mts_msg_ref_t *msg, struct mts_recv_opts *opts) {
   platform().log.call(__func__, queue, opts != nullptr ? opts->w[2] : 0, opts != nullptr ? opts->w[3] : 0);
+  if (opts != nullptr) std::memcpy(platform().recv_options.data(), opts, sizeof *opts);
   const bool empty = platform().replies.empty();
   const int32_t status = platform().scripts.result<int32_t>(__func__, empty ? -1 : 0, -1);
   if (status < 0 || empty) return status;

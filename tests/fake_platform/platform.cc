@@ -55,6 +55,8 @@ void Platform::reset() {
   formatted.clear();
 
   next_queue = 100;
+  bind_options.fill(0);
+  recv_options.fill(0);
   queues.clear();
   queue_options.clear();
   sent.clear();

@@ -164,7 +164,9 @@ class Platform {
   std::vector<Formatted> formatted;
 
   uint32_t next_queue = 100;
-  std::map<uint32_t, int32_t> queues;  // bound: queue -> sap
+  std::array<uint32_t, 6> bind_options{};   // of the last bind
+  std::array<uint32_t, 10> recv_options{};  // of the last receive
+  std::map<uint32_t, int32_t> queues;       // bound: queue -> sap
   std::map<uint32_t, uint32_t> queue_options;
   std::vector<SentMessage> sent;
   std::deque<Message> replies;  // what mts_recv hands out, in order

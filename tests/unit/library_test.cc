@@ -45,6 +45,8 @@ void reset_library() {
   addr_ip_shseg = addr_ip_api_data = addr_ip_api_mpib = nullptr;
   ip_api_attached = ip_api_refcnt = ip_api_dep_modules_init_done = ip_is_server_flag = 0;
   g_ip_fwd_enabled_spl_ifidx = g_ip_fwd_enabled_spl_iod = 0;
+  ip_urib_mts_q = ip_server_ctrl_mts_q = ip_server_data_mts_q = ~uint32_t{0};
+  ip_register_done = 0;
   for (uint32_t *flag :
        {&dbg_ip_register, &dbg_ip_deregister, &dbg_ip_cl_output, &dbg_ip_cl_icmp_output, &dbg_ip_cl_input,
         &dbg_cl_input, &dbg_ip_cl_consume, &dbg_api_init, &dbg_ip_api_misc, &dbg_ip_icmp_error, &dbg_get_message_queue,

@@ -140,6 +140,169 @@ void set_fwd_enabled_spl_ifidx(uint32_t ifidx);
 // time).
 uint32_t is_fwd_enabled_spl_iod(uint32_t iod);
 
+// ------------------------------------------------------------------------------------------ messages to the IP process
+
+// What a client asks the IP process for, rather than the database. The messages stand in ip_msg.h; each goes to
+// IP_SAP_CONTROL. A client that wants packets or replies binds queues and registers:
+//
+//   uint32_t control, data;
+//   if (ip_init_mts(&control, -1) == 0 || ip_init_mts(&data, -1) == 0) exit(1);
+//   if (ip_register("ospf", data, control, 89, 0, ip_api_init(), 0, 0) == 0) exit(1);
+//   ip_join_group(0xe0000005, iod);
+//   ...
+//   ip_deregister("ospf", 89, &ip_client);
+
+// Binds a queue named "IP MTS queue".
+//   queue_out  out: the handle, -1 when it was not bound; null: nothing is bound
+//   sap        a fixed SAP, or -1: a dynamic one
+// Threads: any. Owns: the queue is the caller's, until mts_unbind(queue, 0). Results: 1 bound; 0 not.
+uint32_t ip_init_mts(uint32_t *queue_out, int32_t sap);
+
+// Binds the URIB's queue, on IP_SAP_URIB, into ip_urib_mts_q. For the IP process.
+// Threads: start-up. Results: 1 bound; 0 not: logged as IP_STARTUP_FAILURE.
+uint32_t ip_get_urib_q(void);
+
+// Sends a message of IP_MSG_SIZE bytes to a SAP of this node, and one of any size.
+//   queue   to send from; -1: refused
+//   msg     begins with the header of ip_msg.h; its uuid is written here; null: refused
+//   size    bytes, the header included
+//   prio    checked and otherwise ignored: above 32768: refused
+//   opts    struct mts_send_opts
+//   opcode  IP_OPCODE_...
+// Threads: any, one per message. Blocks: as mts_send. Owns: nothing; the message may be released at once.
+// Results: 1 sent; 0 not. Debug lines: dbg_cl_mts_send each send, dbg_ip_api_misc what was refused.
+uint32_t ip_cl_mts_send(uint32_t queue, uint32_t sap, ip_msgtype *msg, int32_t prio, void *opts, uint32_t opcode);
+uint32_t ip_cl_mts_send_with_sz(uint32_t queue, uint32_t sap, void *msg, uint32_t size, int32_t prio, void *opts,
+                                uint32_t opcode);
+
+// Sends a request of IP_MSG_SIZE bytes from the client's control queue. Attached or not. Threads, Blocks, Owns, Results
+// as ip_cl_mts_send.
+uint32_t ip_mts_send(ip_msgtype *msg);
+
+// Gives the IP process's two queues back. Their variables keep the old handles. Threads: start-up.
+void ip_free_message_queue(void);
+
+// Hands the packet that a message names, if it does, to another owner (m_set_owner).
+//   msg    null: nothing happens
+//   owner  a process id
+// Threads: any, one per packet.
+void ip_change_msg_owner(ip_msgtype *msg, int32_t owner);
+
+// What a registration will say. All of them: Threads: start-up, between ip_api_init and ip_register. Results: 1; 0,
+// nothing changed: not attached.
+//   flags  IP_CLIENT_...; the two receive flags are always set with them
+//   queue  the control queue
+//   name   of the receive function, 33 characters of it. It clears both receive flags; _with_tx_mts sets
+//          IP_CLIENT_RECV_MTS and clears the other
+uint32_t ip_client_set_flags(int32_t flags);
+uint32_t ip_client_set_ctrl_q(uint32_t queue);
+uint32_t ip_client_set_recv_fn(const char *name);
+uint32_t ip_client_set_recv_fn_with_tx_mts(const char *name);
+
+// Registers with the IP process, and waits for what it says, unless IP_CLIENT_NO_ACK is set. On a standby supervisor it
+// registers only if a queue has a dynamic SAP (and logs that), because the fixed ones are the active one's to serve.
+//   name      at most 67 characters; null: none
+//   data_q    where packets arrive; -1: none
+//   ctrl_q    the control queue; -1: none. Requests are let pass before other messages there, unless
+//             IP_CLIENT_KEEP_MTS_OPTION is set
+//   reg_key   with the name, what the registration is known by
+//   client    &ip_client; its queues are replaced by these. Null: refused
+//   reg_mode, reg_arg1, reg_arg2   the IP process's to interpret
+// Threads: start-up. Blocks: until the reply, or until the IP process is gone.
+// Results: 1 registered, or not needed on a standby. 0: no client, no memory, no queue, not sent (system log), no reply
+//   (system log), a reply of another kind (logged as IP_CLNT_FAILURE), or refused.
+uint32_t ip_register(const char *name, uint32_t data_q, uint32_t ctrl_q, uint8_t reg_key, uint32_t reg_mode,
+                     struct ip_client *client, uint32_t reg_arg1, uint32_t reg_arg2);
+
+// The part of ip_register that sends a registration and waits.
+//   sap      not looked at
+//   msg      struct ip_msg_register
+//   reply_q  a queue of its own: the first message that arrives there is the reply; -1: refused
+// Threads, Blocks, Results: as ip_register; 1 also for a reply without a payload, which leaves ip_register_done alone.
+uint32_t ip_register_with_ack(uint32_t sap, ip_msgtype *msg, uint32_t reply_q);
+
+// Ends a registration. Sent from the client's control queue, else from its data queue, else from one made for it. On a
+// standby supervisor nothing is sent.
+//   name, reg_key  as registered
+//   client         &ip_client; null: refused
+// Threads: start-up. Blocks: as mts_send; nothing is waited for. Results: 1 sent, or on a standby; 0 not.
+int32_t ip_deregister(const char *name, uint8_t reg_key, struct ip_client *client);
+
+// Requests without a reply, from the client's control queue. All of them: Threads: any. Blocks: as mts_send.
+// Results: 1 sent; 0 not: an argument is refused (iod 0, no group or a group where a source belongs), or no queue.
+
+// Multicast on the interface as a whole.
+uint32_t ip_enable_multicast(uint32_t iod);
+uint32_t ip_disable_multicast(uint32_t iod);
+
+// Membership of a group on an interface, from any source. group in 224.0.0.0/4.
+uint32_t ip_join_group(uint32_t group, uint32_t iod);
+uint32_t ip_leave_group(uint32_t group, uint32_t iod);
+
+// The same by the interface's index. ip_join_group_if starts the library and registers the process, without a name, if
+// that has not been done (Threads: start-up, then); such a registration has no queues, so the request itself is not
+// sent: bind a control queue and join again. It takes a reference as ip_api_init does.
+uint32_t ip_join_group_if(uint32_t group, uint32_t ifindex);
+uint32_t ip_leave_group_if(uint32_t group, uint32_t ifindex);
+
+// Membership of a group for one source, which must not be a group.
+uint32_t ip_join_channel(uint32_t group, uint32_t source, uint32_t iod);
+uint32_t ip_leave_channel(uint32_t group, uint32_t source, uint32_t iod);
+
+// Reports a link-local value. ref not 0.
+uint32_t ip_report_link_local(uint32_t ref, uint32_t value);
+
+// Makes an interface borrow another one's address, and undoes it.
+//   iod   the borrower
+//   name  the lender's, not empty, 40 characters of it
+uint32_t ip_set_unnumbered(uint32_t iod, const char *name);
+uint32_t ip_unset_unnumbered(uint32_t iod);
+
+// Requests without a reply, from a queue that the caller names. All of them: Threads: any. Blocks: as mts_send.
+// Results: 1 sent; 0 not: no memory, no such queue, too many interfaces.
+
+// Asks for the load-sharing configuration.
+uint32_t ip_request_load_share_cfg(uint32_t queue);
+
+// Switches redirects off on interfaces, and cleans up what is left of unnumbered ones.
+//   iods  count of them. The cleanup takes 30150 at most and logs IP_FAILURE for more, and for no memory
+uint32_t ip_req_redirect_disable(uint32_t queue, uint32_t count, const uint32_t *iods);
+uint32_t ip_unnumbered_pss_cleanup(uint32_t queue, uint32_t count, const uint32_t *iods);
+
+// Configures an address on an interface.
+//   address, masklen  host order; not martian; 1 .. 32
+//   cfg_result        out: more about the status, untouched when there is nothing more; null: not wanted
+//   cfg_flags         IP_CONFIG_NO_WAIT, IP_CONFIG_COLLECT, or 0: wait for the reply
+//   wait              seconds, 0 without end
+// Threads: one at a time; nobody else receives on the control queue meanwhile: what arrives there and is not the reply
+// is lost.
+// Blocks: until the reply.
+// Results: IP_CONFIG_STATUS_...; with IP_CONFIG_NO_WAIT 1 sent, 0 not; with IP_CONFIG_COLLECT 0, errno EAGAIN: sent.
+uint32_t ip_configure_address(uint32_t iod, uint32_t address, uint8_t masklen, uint32_t *cfg_result, uint32_t cfg_flags,
+                              uint32_t wait);
+
+// Reads a reply that the caller received on the control queue (opcode IP_OPCODE_CONFIGURE) and drops it.
+//   i1, i2, i3  not looked at
+//   cfg_result  as above
+// Threads: any. Results: IP_CONFIG_STATUS_...; IP_CONFIG_STATUS_NO_REPLY also for a message that is too short for one.
+uint32_t ip_parse_config_response(mts_msg_ref_t msg, uint32_t i1, uint32_t i2, uint32_t i3, uint32_t *cfg_result);
+
+// Asks the IP process for an interface's statistics.
+//   queue    to ask from
+//   request  struct ip_msg_if_stats_request; its header is written here
+//   size     bytes of it
+//   reply    out: the response, struct ip_msg_if_stats_reply; untouched without one
+// Threads: any, one per queue. Blocks: until the response, at most 10 seconds.
+// Owns: the reply is the caller's, to be released by free(3). Results: 1, *reply is there. 0: request or reply is null,
+//   the request is shorter than its header, not sent, no response, rejected, no memory.
+uint32_t ip_get_interface_stats(uint32_t queue, void *request, uint32_t size, void **reply);
+
+// Queue handles; -1: none. The second and third are the IP process's, and set by it.
+extern uint32_t ip_urib_mts_q, ip_server_ctrl_mts_q, ip_server_data_mts_q;
+
+// 1 once the process is registered, 0 again when it is not.
+extern int32_t ip_register_done;
+
 // ------------------------------------------------------------------------------------------------- why a question
 // failed
 
