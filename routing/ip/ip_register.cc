@@ -11,6 +11,7 @@
 // On a standby supervisor the IP process of the active one is not to be reached, and clients with fixed SAPs are
 // registered there by their other half. A dynamic SAP has no other half, so that client registers, with a word in the
 // log.
+#include <algorithm>
 #include <cstring>
 
 #include "ip_api.h"

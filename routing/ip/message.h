@@ -8,7 +8,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -68,8 +67,8 @@ inline ip_msgtype *as_message(Record &record) {
 template <size_t Size>
 inline void copy_text(char (&field)[Size], const char *text) {
   const size_t length = text == nullptr ? 0 : strnlen(text, Size);
-  std::memset(field, 0, Size);
-  std::copy_n(text, length, field);
+  if (length != 0) std::memmove(field, text, length);  // the text may be the field's own
+  std::memset(field + length, 0, Size - length);
 }
 
 // Tells whoever looks at the console that memory has run out: the system log may be out of it, too.

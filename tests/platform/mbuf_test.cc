@@ -11,7 +11,7 @@ namespace {
 class MbufTest : public testing::Test {
  protected:
   void SetUp() override {
-    void *wanted = reinterpret_cast<void *>(uintptr_t{0x5d000000});
+    void *wanted = reinterpret_cast<void *>(uintptr_t{0x74000000});
     memory_ = mmap(wanted, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
     ASSERT_EQ(memory_, wanted) << "something else lies there";
     buffers = static_cast<mbuf *>(memory_);

@@ -61,6 +61,8 @@ TEST_F(RegistrationTest, TheNameOfAReceiveFunctionIsCutAt33Characters) {
     EXPECT_EQ(set((longest + "yz").c_str()), 1u);
     EXPECT_EQ(std::string(ip_client.recv_fn, 33), longest);
     EXPECT_EQ(ip_client.reserved233[0], 0x77);
+    EXPECT_EQ(set(ip_client.recv_fn), 1u) << "itself";
+    EXPECT_EQ(std::string(ip_client.recv_fn, 33), longest);
     EXPECT_EQ(set("a"), 1u);
     EXPECT_EQ(std::string(ip_client.recv_fn, 33), std::string("a") + std::string(32, '\0')) << "the rest is zeros";
   }
