@@ -52,6 +52,16 @@ extern "C"
   LAYOUT_SIZE(ip_prefixtype) LAYOUT_FIELD(ip_prefixtype, addr) LAYOUT_FIELD(ip_prefixtype, mask_len)                  \
   LAYOUT_SIZE(ip_ecmp_loadshare_status) LAYOUT_FIELD(ip_ecmp_loadshare_status, mode)                                  \
   LAYOUT_FIELD(ip_ecmp_loadshare_status, value)                                                                       \
+  LAYOUT_SIZE(ip_if_info_msg_entry) LAYOUT_FIELD(ip_if_info_msg_entry, f0) LAYOUT_FIELD(ip_if_info_msg_entry, f3)     \
+  LAYOUT_FIELD(ip_if_info_msg_entry, f7) LAYOUT_FIELD(ip_if_info_msg_entry, f2)                                       \
+  LAYOUT_FIELD(ip_if_info_msg_entry, f4) LAYOUT_FIELD(ip_if_info_msg_entry, f8)                                       \
+  LAYOUT_FIELD(ip_if_info_msg_entry, f9) LAYOUT_FIELD(ip_if_info_msg_entry, f10)                                      \
+  LAYOUT_FIELD(ip_if_info_msg_entry, f1) LAYOUT_SIZE(ip_if_info_msg) LAYOUT_FIELD(ip_if_info_msg, count)              \
+  LAYOUT_SIZE(ip_if_info_notification) LAYOUT_FIELD(ip_if_info_notification, id)                                      \
+  LAYOUT_FIELD(ip_if_info_notification, payload) LAYOUT_FIELD(ip_if_info_notification, payload_len)                   \
+  LAYOUT_FIELD(ip_if_info_notification, tlv_payload)                                                                  \
+  LAYOUT_SIZE(struct ip_if_info_msg_tbl_t) LAYOUT_FIELD(struct ip_if_info_msg_tbl_t, d)                               \
+  LAYOUT_SIZE(struct ip_if_info_msg_entry_tbl_t) LAYOUT_FIELD(struct ip_if_info_msg_entry_tbl_t, d)                   \
   LAYOUT_SIZE(struct syslog_msg_rec) LAYOUT_FIELD(struct syslog_msg_rec, name)                                        \
   LAYOUT_FIELD(struct syslog_msg_rec, format) LAYOUT_FIELD(struct syslog_msg_rec, severity)                           \
   LAYOUT_SIZE(struct msg_error_rec) LAYOUT_FIELD(struct msg_error_rec, name) LAYOUT_FIELD(struct msg_error_rec, text) \

@@ -153,9 +153,10 @@ std::vector<ExportedObject> exported_objects() {
                               OBJECT(dbg_ip_icmp_error) OBJECT(dbg_get_message_queue) OBJECT(dbg_msg_set_notify)
                                   OBJECT(dbg_cl_mts_open) OBJECT(dbg_cl_mts_send) OBJECT(dbg_in_cksum) OBJECT(dbg_str)
                                       OBJECT(ip_api_err_log) OBJECT(ip_address_string) OBJECT(ip_address_string_next)
-                                          OBJECT(msg_component_IP) OBJECT(syslog_fac_LOG_IP)
+                                          OBJECT(ip_if_info_msg_tbl) OBJECT(ip_if_info_msg_entry_tbl)
+                                              OBJECT(msg_component_IP) OBJECT(syslog_fac_LOG_IP)
 #define MESSAGE(name, severity, rate, traceback, text) OBJECT(syslog_msg_IP_##name) OBJECT(msg_error_IP_##name)
-                                              IP_MESSAGES(MESSAGE)
+                                                  IP_MESSAGES(MESSAGE)
 #undef MESSAGE
 #undef OBJECT
   };

@@ -42,6 +42,7 @@ void *mtrack_alloc(uint32_t component, uint32_t type, uint32_t size) {
 
 void mtrack_free(void *block) {
   platform().log.call(__func__, fake_platform::Bare{block == nullptr ? "null" : "block"});
+  if (platform().before_free) platform().before_free(block);
   platform().allocations.erase(block);
   std::free(block);
 }

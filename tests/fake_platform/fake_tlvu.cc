@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The TLV library records what it is asked and succeeds with nothing to show, unless a script says otherwise; the keyed
-// digests depend on every input and are no digest; command-line output is kept as text.
+// The TLV library records what it is asked and hands out what the test put into `tlv`; the keyed digests depend on
+// every input and are no digest; command-line output is kept as text.
 #include "tlvu.h"
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "cli.h"
 #include "fake_platform/platform.h"
@@ -23,6 +24,16 @@ std::string format_text(const char *format, va_list arguments) {
 
 uint32_t status(const char *function) {
   return platform().scripts.result<uint32_t>(function, 0, 1);
+}
+
+// A buffer with these bytes, until tlvu_free; null for none.
+void *hand_out(const std::vector<uint8_t> &bytes, const char *name) {
+  if (bytes.empty()) return nullptr;
+  void *buffer = std::malloc(bytes.size());
+  std::memcpy(buffer, bytes.data(), bytes.size());
+  platform().tlv.buffers.insert(buffer);
+  platform().log.name(buffer, name);
+  return buffer;
 }
 
 // A sum that changes with each byte and its place.
@@ -61,28 +72,37 @@ uint32_t tlvu_table_size(const void *table, const void *record) {
 
 uint32_t tlvu_table_get_struct_size_from_tlv(uint32_t *size, const void *tlv, uint32_t zero, const void *table) {
   platform().log.call(__func__, tlv, zero, table);
-  *size = 0;
-  return status(__func__);
+  const uint32_t error = status(__func__);
+  *size = error == 0 ? platform().tlv.record_size : 0xdead;
+  return error;
 }
 
 uint32_t tlvu_table_convert_struct_to_tlv(void **out, uint32_t *out_size, const void *table, const void *record,
                                           uintptr_t a, uintptr_t b, uintptr_t c) {
   platform().log.call(__func__, table, record, a, b, c);
-  *out = nullptr;
-  *out_size = 0;
-  return status(__func__);
+  const uint32_t error = status(__func__);
+  if (error != 0) return error;
+  *out = hand_out(platform().tlv.encoded, "encoded");
+  *out_size = static_cast<uint32_t>(platform().tlv.encoded.size());
+  return 0;
 }
 
 uint32_t tlvu_table_convert_tlv_to_struct(void **out, const void *tlv, uint32_t tlv_size, const void *table,
                                           uintptr_t a) {
   platform().log.call(__func__, tlv, tlv_size, table, a);
-  *out = nullptr;
-  return status(__func__);
+  const uint32_t error = status(__func__);
+  if (error != 0) return error;
+  *out = hand_out(platform().tlv.decoded, "decoded");
+  return 0;
 }
 
 void tlvu_free(void *buffer, uint32_t flags) {
   platform().log.call(__func__, static_cast<const void *>(buffer), flags);
-  std::free(buffer);
+  if (platform().tlv.buffers.erase(buffer) == 1) {
+    std::free(buffer);
+  } else if (buffer != nullptr) {
+    platform().tlv.freed_unknown = true;
+  }
 }
 
 void tlvu_error_print(const char *format, ...) {

@@ -68,6 +68,9 @@ void Platform::reset() {
   shared_types = {};
   for (const auto &[block, allocation] : allocations) std::free(block);
   allocations.clear();
+  before_free = nullptr;
+  for (void *buffer : tlv.buffers) std::free(buffer);
+  tlv = {};
 
   sdwrap_sys_facility = nullptr;
   std::fill_n(syslog_vmsg_params, sizeof(syslog_vmsg_params), uint8_t{0xcd});

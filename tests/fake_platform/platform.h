@@ -18,6 +18,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -123,6 +124,14 @@ struct SentMessage {
   std::array<uint32_t, 17> options;
 };
 
+struct TlvLibrary {
+  std::vector<uint8_t> encoded;  // what an encoding hands out, and a decoding; empty: null
+  std::vector<uint8_t> decoded;
+  uint32_t record_size = 0;    // of any TLV buffer
+  std::set<void *> buffers;    // handed out and not yet freed
+  bool freed_unknown = false;  // a buffer was freed that was none, or twice
+};
+
 struct MemoryTypes {
   std::string description;
   uint32_t component = 0;
@@ -175,6 +184,10 @@ class Platform {
 
   MemoryTypes private_types, shared_types;
   std::map<void *, Allocation> allocations;  // not yet freed
+  // Runs before a block is freed: its last contents.
+  std::function<void(const void *block)> before_free;
+
+  TlvLibrary tlv;
 
  private:
   Platform();

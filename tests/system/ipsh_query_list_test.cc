@@ -22,6 +22,7 @@ constexpr const char *own_state = "tells of the asking process, not of the syste
 constexpr const char *transport = "moves messages of the asking process: it asks nothing by itself";
 constexpr const char *registration = "makes the asking process known to the IP process, or undoes it";
 constexpr const char *request = "asks the IP process to change something, or for what it alone knows: no query";
+constexpr const char *if_info = "carries interfaces in messages: ipsh show interfaces has what they tell";
 constexpr const char *error_text = "shown with the answer of each query that leaves one";
 
 const std::map<std::string, std::string> no_queries{
@@ -41,6 +42,26 @@ const std::map<std::string, std::string> no_queries{
     {"ip_get_api_error_info", error_text},
     {"ip_get_client_pointer", own_state},
     {"ip_get_max_msg_size", own_state},
+    {"ip_convert_if_info_notification_to_tlv", if_info},
+    {"ip_download_if_info", if_info},
+    {"ip_free_if_info_tlv", if_info},
+    {"ip_if_info_msg_default_init", if_info},
+    {"ip_if_info_msg_entry_field_get_next", if_info},
+    {"ip_if_info_msg_entry_field_itr_init", if_info},
+    {"ip_if_info_msg_entry_get_field", if_info},
+    {"ip_if_info_msg_entry_get_struct_sz", if_info},
+    {"ip_if_info_msg_entry_get_tlv_sz", if_info},
+    {"ip_if_info_msg_entry_to_struct", if_info},
+    {"ip_if_info_msg_entry_to_tlv", if_info},
+    {"ip_if_info_msg_field_get_next", if_info},
+    {"ip_if_info_msg_field_itr_init", if_info},
+    {"ip_if_info_msg_get_field", if_info},
+    {"ip_if_info_msg_get_struct_sz", if_info},
+    {"ip_if_info_msg_get_sz", if_info},
+    {"ip_if_info_msg_get_tlv_sz", if_info},
+    {"ip_if_info_msg_to_struct", if_info},
+    {"ip_if_info_msg_to_tlv", if_info},
+    {"ip_parse_if_info_notification", if_info},
     {"ip_mem_init", start_and_stop},
     {"ip_remove_shm", start_and_stop},
     {"ip_shm_api_init", start_and_stop},

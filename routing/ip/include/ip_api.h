@@ -697,6 +697,119 @@ uint32_t ip_get_mcast_byte_stats_orig(uint32_t iod, uint64_t *b1, uint64_t *b2);
 uint32_t ip_get_mcast_pkt_stats(uint32_t iod, uint32_t *c1, uint32_t *c2, uint32_t *c3, uint32_t *c4, uint32_t *c5);
 uint32_t ip_get_mcast_byte_stats(uint32_t iod, uint64_t *b1, uint64_t *b2);
 
+// ---------------------------------------------------------------------------------------------- interface information
+
+// The IP process tells a client of its interfaces, in notifications: a message ip_if_info_msg (ip_msg.h), in TLV form.
+// ip_download_if_info() asks for them; ip_parse_if_info_notification() reads one:
+//
+//   static void learn(ip_if_info_msg *record);   // record->count entries follow it, at offset 4
+//   ip_download_if_info(queue, 0, IP_DOWNLOAD_FOLLOW);
+//   mts_recv(queue, &msg, &wait);
+//   if (mts_opc_get(msg) == IP_OPCODE_IF_INFO) ip_parse_if_info_notification(msg, learn);
+//   mts_drop(queue, msg);
+
+// Asks the IP process to tell of its interfaces.
+//   queue   of the caller: the notifications come to its SAP, and the request is sent from it
+//   cookie  tells the downloads of one queue apart; the same one again replaces the earlier
+//   mode    IP_DOWNLOAD_...
+// Threads: any, one per queue. Blocks: no; a full receiver is an error. Owns: nothing.
+// Results: 1: sent. 0: not sent: not attached (logged as IP_INTERNAL_ERROR), no memory (told on the console), no such
+//   queue, or the IP process was not reached.
+uint32_t ip_download_if_info(uint32_t queue, uint32_t cookie, uint32_t mode);
+
+// How both records look in TLV form; see tlvu.h. The ids of the fields are what stands in a message: none is ever given
+// to another field.
+struct ip_if_info_msg_tbl_t {
+  struct tlv_table_head h;
+  struct tlv_field_desc d[3];
+};
+RSW_SIZE_32(struct ip_if_info_msg_tbl_t, 160);
+RSW_OFFSET_32(struct ip_if_info_msg_tbl_t, d, 16);
+struct ip_if_info_msg_entry_tbl_t {
+  struct tlv_table_head h;
+  struct tlv_field_desc d[10];
+};
+RSW_SIZE_32(struct ip_if_info_msg_entry_tbl_t, 496);
+RSW_OFFSET_32(struct ip_if_info_msg_entry_tbl_t, d, 16);
+extern struct ip_if_info_msg_tbl_t ip_if_info_msg_tbl;
+extern struct ip_if_info_msg_entry_tbl_t ip_if_info_msg_entry_tbl;
+
+// The calls of tlvu.h on these tables: the first of each pair for a whole message, the second, _entry_, for one entry.
+// Arguments and results are those of the call that is named; Threads: any, unless it says otherwise.
+
+// A walk over the fields of a TLV buffer: tlvu_field_itr_init, tlvu_field_itr_get_next. Threads: one per walk.
+uint32_t ip_if_info_msg_field_itr_init(uintptr_t a, uintptr_t b, uintptr_t c, uintptr_t d, uint16_t e);
+uint32_t ip_if_info_msg_entry_field_itr_init(uintptr_t a, uintptr_t b, uintptr_t c, uintptr_t d, uint16_t e);
+uint32_t ip_if_info_msg_field_get_next(void *iterator, void *out);
+uint32_t ip_if_info_msg_entry_field_get_next(void *iterator, void *out);
+
+// One field by its id: tlvu_get_field.
+uint32_t ip_if_info_msg_get_field(uintptr_t a, uintptr_t b, uintptr_t c, uintptr_t d, uintptr_t e);
+uint32_t ip_if_info_msg_entry_get_field(uintptr_t a, uintptr_t b, uintptr_t c, uintptr_t d, uintptr_t e);
+
+// How many bytes a record has in TLV form: tlvu_table_size.
+uint32_t ip_if_info_msg_get_tlv_sz(const void *record);
+uint32_t ip_if_info_msg_entry_get_tlv_sz(const void *record);
+
+// How many bytes the record of a TLV buffer has: tlvu_table_get_struct_size_from_tlv.
+// Results: bytes. -1: no such record in there (the error is shown by tlvu_error_print, with the function's name).
+int32_t ip_if_info_msg_get_struct_sz(const void *tlv);
+int32_t ip_if_info_msg_entry_get_struct_sz(const void *tlv);
+
+// A record in TLV form: tlvu_table_convert_struct_to_tlv.
+//   out, out_size  out: the buffer and its bytes
+//   a, b, c        0
+// Owns: *out is the caller's; release it with ip_free_if_info_tlv().
+// Results: 0: done. Anything else: the error, shown as above; no buffer.
+uint32_t ip_if_info_msg_to_tlv(const void *record, void **out, uint32_t *out_size, uintptr_t a, uintptr_t b,
+                               uintptr_t c);
+uint32_t ip_if_info_msg_entry_to_tlv(const void *record, void **out, uint32_t *out_size, uintptr_t a, uintptr_t b,
+                                     uintptr_t c);
+
+// The record of a TLV buffer: tlvu_table_convert_tlv_to_struct. The buffer may come from anywhere: it is checked.
+//   out            out: the record
+//   a              0
+// Owns: *out is the caller's; release it with ip_free_if_info_tlv().
+// Results: 0: done. Anything else: the error, shown as above; no record.
+uint32_t ip_if_info_msg_to_struct(void **out, const void *tlv, uint32_t tlv_size, uintptr_t a);
+uint32_t ip_if_info_msg_entry_to_struct(void **out, const void *tlv, uint32_t tlv_size, uintptr_t a);
+
+// Releases what the four calls above made. Null is nothing to release.
+//   flags          0
+// Threads: any. Owns: takes the buffer.
+void ip_free_if_info_tlv(void *buffer, uint32_t flags);
+
+// Number of entries of a message: its first word. The message's table asks this.
+//   msg            not null
+// Threads: any.
+uint32_t ip_if_info_msg_get_sz(const void *msg);
+
+// Begins an entry: its first word becomes 0, the others stay as they are. The entry's table asks this.
+//   entry          not null
+// Threads: any. Results: 0.
+uint32_t ip_if_info_msg_default_init(void *entry);
+
+// For the IP process: puts a message into a notification in TLV form.
+//   n              from mtrack_alloc; payload, payload_len and tlv_payload are written, the id is read
+//   msg            the message, with its entries
+// Threads: any, one per notification.
+// Owns: the payload is from mtrack_alloc and belongs to the notification.
+// Results: 0, always. Without memory for the payload the notification itself is released, and must not be touched again
+//   (told on the console, and logged as IP_INTERNAL_ERROR). A message that has no TLV form leaves a payload of zeros
+//   (logged as IP_TLV_TO_STRUCT). The result tells none of this: a caller that has to know uses
+//   ip_if_info_msg_to_tlv().
+uint32_t ip_convert_if_info_notification_to_tlv(ip_if_info_notification *n, ip_if_info_msg *msg);
+
+// Reads a notification that arrived.
+//   msg            the message, of opcode IP_OPCODE_IF_INFO
+//   callback       gets the message's record once, from inside the call; the record is gone afterwards. Null: nothing
+//                  is read
+// Threads: any, one per message. Blocks: as long as the callback does.
+// Owns: nothing; the message stays the caller's, to be dropped.
+// Results: 1: the callback has run. 0: it has not: no callback, no payload, or not an encoded record (logged as
+//   IP_TLV_TO_STRUCT).
+uint32_t ip_parse_if_info_notification(mts_msg_ref_t msg, void (*callback)(ip_if_info_msg *record));
+
 // ------------------------------------------------------------------------------------------ addresses, masks, prefixes
 
 // All of them: Threads: any. No state, no attachment needed. Mask lengths are 0 .. 32; above that the answer has no
