@@ -73,7 +73,11 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
 //   vector        the pieces; null takes them away. It must stay as it is until the send has returned
 // Threads: any, one per record. Blocks: no. Owns: nothing.
 static inline void mts_send_opts_set_vector(struct mts_send_opts *opts, struct mts_iovec *vector) {
+#ifdef __cplusplus
+  const uintptr_t address = reinterpret_cast<uintptr_t>(vector);
+#else
   const uintptr_t address = (uintptr_t)vector;
+#endif
   opts->w[3] = 0;
   memcpy(&opts->w[2], &address, sizeof address);
 }
@@ -82,7 +86,11 @@ static inline void mts_send_opts_set_vector(struct mts_send_opts *opts, struct m
 static inline struct mts_iovec *mts_send_opts_vector(const struct mts_send_opts *opts) {
   uintptr_t address;
   memcpy(&address, &opts->w[2], sizeof address);
+#ifdef __cplusplus
+  return reinterpret_cast<struct mts_iovec *>(address);  // NOLINT(performance-no-int-to-ptr): it was one
+#else
   return (struct mts_iovec *)address;
+#endif
 }
 
 // ------------------------------------------------------------------------------------------------------------- queues
