@@ -26,6 +26,8 @@
 #include <vector>
 
 #include "platform/bgp_routes.h"
+#include "support/kernel_routes.h"
+#include "support/network_namespace.h"
 #include "support/run_directory.h"
 #include "tsp/epochs.h"
 #include "urib.h"
@@ -262,6 +264,36 @@ void std_map(benchmark::State &state, const Case &which) {
 }
 
 // One change there and back in the large table; the time is of one change.
+// The kernel of this program's own network namespace, with the routes of one case at a time in its main table.
+class Kernel {
+ public:
+  void load(size_t count) {
+    if (count == loaded_) return;
+    FILE *batch = popen("ip -batch -", "w");
+    if (batch == nullptr) stop("ip cannot be started");
+    fputs("link set lo up\nroute flush table main\n", batch);
+    for (const Route &route : routes(count)) {
+      fprintf(batch, "route replace %s/%u dev lo\n", test_support::dotted(route.addr).c_str(), route.len);
+    }
+    if (pclose(batch) != 0) stop("the kernel does not take the routes");
+    loaded_ = count;
+  }
+  uint64_t first_interface(uint32_t addr) {
+    const test_support::KernelAnswer answer = kernel_.way({.dest = addr});
+    return answer.next_hops.empty() ? 0 : answer.next_hops.front().ifindex;
+  }
+
+ private:
+  test_support::KernelRoutes kernel_;
+  size_t loaded_ = 0;
+};
+
+void rtm_getroute(benchmark::State &state, const Case &which) {
+  static Kernel kernel;
+  kernel.load(which.count);
+  run(state, which, [](uint32_t key) { return kernel.first_interface(key); });
+}
+
 void one_change(benchmark::State &state, uint32_t addr, uint8_t len) {
   const uint32_t table = urib().table(900000);
   Route route = routes(900000)[0];
@@ -319,7 +351,7 @@ class Ratios : public benchmark::ConsoleReporter {
     for (const auto &[name, figure] : figures_) {
       const size_t slash = name.find('/');
       if (slash == std::string::npos || name.find("urib/") == std::string::npos) continue;
-      for (const char *peer : {"rte_lpm", "rte_fib", "frr", "map"}) {
+      for (const char *peer : {"rte_lpm", "rte_fib", "frr", "map", "rtm_getroute"}) {
         const auto found = figures_.find(peer + name.substr(slash));
         if (found != figures_.end()) printf("%-44s %8s %8.2f\n", name.c_str(), peer, figure / found->second);
       }
@@ -342,15 +374,19 @@ class Ratios : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char **argv) {
+  std::string reason;
+  const bool own_kernel = test_support::enter_network_namespace(&reason);
+  if (!own_kernel) printf("No network namespace (%s): the kernel is not asked.\n", reason.c_str());
   std::vector<std::string> words = {argv[0],       "--no-huge",   "-m", "1400", "--no-pci", "--no-telemetry",
                                     "--no-shconf", "--log-level", "1",  "-l",   "0"};
   std::vector<char *> arguments;
   for (std::string &word : words) arguments.push_back(word.data());
   if (rte_eal_init(static_cast<int>(arguments.size()), arguments.data()) < 0) stop("rte_eal_init fails");
   using Bench = void (*)(benchmark::State &, const Case &);
-  const std::pair<const char *, Bench> asked[] = {{"urib", urib_best},   {"urib_locked", urib_best_locked},
-                                                  {"rte_lpm", dpdk_lpm}, {"rte_fib", dpdk_fib},
-                                                  {"frr", frr_match},    {"map", std_map}};
+  std::vector<std::pair<const char *, Bench>> asked = {{"urib", urib_best},   {"urib_locked", urib_best_locked},
+                                                       {"rte_lpm", dpdk_lpm}, {"rte_fib", dpdk_fib},
+                                                       {"frr", frr_match},    {"map", std_map}};
+  if (own_kernel) asked.emplace_back("rtm_getroute", rtm_getroute);
   for (const size_t count : {size_t{1000}, size_t{100000}, size_t{900000}}) {
     for (const bool dependent : {false, true}) {
       for (const bool matched : {true, false}) {
