@@ -14,6 +14,7 @@
 #include <linux/netconf.h>
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -52,7 +53,13 @@ class Socket final : public Rtnetlink, private Requests {
 
   [[nodiscard]] int descriptor() const override { return mnl_socket_get_fd(socket_); }
   Reading read(std::string *reason) override;
-  void tick(Mirror::Clock::time_point now) override { mirror_.tick(now); }
+  // A batch may end with the last message that there was: then no further event says that the socket is drained, and a
+  // dump that is due after a loss would wait for the next change in the kernel.
+  void tick(Mirror::Clock::time_point now) override {
+    mirror_.tick(now);
+    pollfd waiting{.fd = descriptor(), .events = POLLIN, .revents = 0};
+    if (poll(&waiting, 1, 0) == 0) mirror_.drained(now);
+  }
   [[nodiscard]] const Mirror &mirror() const override { return mirror_; }
   [[nodiscard]] uint32_t receive_buffer() const override;
 
