@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the control service asks of the rest of ipd: the interfaces as they are published.
+#ifndef IPD_CONTROL_BOX_H
+#define IPD_CONTROL_BOX_H
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "ipd/config.h"
+#include "ipd/publish/publisher.h"
+
+namespace ipd::control {
+
+struct InterfaceFacts {
+  uint32_t iod = 0;
+  InterfaceState state;
+  uint32_t lender_iod = 0;              // of the interface whose address it borrows; 0: none
+  std::vector<AddressState> addresses;  // published, the primary first
+};
+
+class Box {
+ public:
+  virtual ~Box() = default;
+
+  // Nothing: there is no such interface.
+  [[nodiscard]] virtual std::optional<InterfaceFacts> interface(uint32_t iod) const = 0;
+  [[nodiscard]] virtual std::optional<InterfaceFacts> interface_by_ifindex(uint32_t ifindex) const = 0;
+  // All interfaces, ascending.
+  [[nodiscard]] virtual std::vector<uint32_t> iods() const = 0;
+  // Loans that clients asked for; all of them, each time. Where the configuration says something about the same
+  // borrower, the configuration holds.
+  virtual void lend(const std::vector<UnnumberedRule> &loans) = 0;
+};
+
+}  // namespace ipd::control
+
+#endif

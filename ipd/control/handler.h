@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+// One subject of the control service: takes the messages that it was made for, and forgets what a process held when
+// that dies.
+#ifndef IPD_CONTROL_HANDLER_H
+#define IPD_CONTROL_HANDLER_H
+
+#include <chrono>
+#include <cstdint>
+#include <set>
+
+#include "ipd/control/request.h"
+
+namespace ipd::control {
+
+class Handler {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  virtual ~Handler() = default;
+
+  // Does it, or says why not. A handler that answers, answers in both cases. A request of the transport that it leaves
+  // unanswered is rejected by the caller.
+  virtual Refusal handle(const Request &request) = 0;
+  // The process is gone for good: what it held ends.
+  virtual void process_gone(int32_t /*pid*/) {}
+  // These interfaces may have come, changed or gone, and that is published.
+  virtual void interfaces_changed(const std::set<uint32_t> & /*ifindexes*/) {}
+  // A few times a second.
+  virtual void tick(Clock::time_point /*now*/) {}
+};
+
+}  // namespace ipd::control
+
+#endif

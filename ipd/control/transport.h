@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+// How the control service answers. Implemented on the queue of the control SAP, and by a list in tests.
+#ifndef IPD_CONTROL_TRANSPORT_H
+#define IPD_CONTROL_TRANSPORT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "ipd/control/request.h"
+
+namespace ipd::control {
+
+class Transport {
+ public:
+  virtual ~Transport() = default;
+
+  // None of them waits. Results: 0, or an error number: EAGAIN: the receiver has no room now; ECONNREFUSED, ECONNRESET:
+  // it is gone.
+  virtual int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message) = 0;
+  // Answers a request of the transport; rejects it.
+  virtual int answer(const Request &request, std::span<const std::byte> message) = 0;
+  virtual int reject(const Request &request) = 0;
+};
+
+}  // namespace ipd::control
+
+#endif
