@@ -23,7 +23,11 @@ class Handler {
   virtual Refusal handle(const Request &request) = 0;
   // The process is gone for good: what it held ends.
   virtual void process_gone(int32_t /*pid*/) {}
-  // These interfaces may have come, changed or gone, and that is published.
+  // The queue that this sender sent from is unbound, or its process died: what goes to that SAP from now on would reach
+  // somebody else. The process may live on, and what it holds it keeps.
+  virtual void queue_gone(const Sender & /*sender*/) {}
+  // These interfaces may have come, changed or gone, their addresses and whose address they borrow included, and that
+  // is published.
   virtual void interfaces_changed(const std::set<uint32_t> & /*ifindexes*/) {}
   // A few times a second.
   virtual void tick(Clock::time_point /*now*/) {}

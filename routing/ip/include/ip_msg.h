@@ -271,7 +271,7 @@ struct ip_msg_download {
   uint8_t reserved24[8];
   uint32_t cookie;  // tells the downloads of one SAP apart; the same one again replaces the earlier
   uint32_t node;    // IP_NODE_LOCAL
-  uint32_t sap;     // where the information goes
+  uint32_t sap;     // where the information goes: of the queue that sends this
   uint32_t mode;    // IP_DOWNLOAD_...
   uint8_t reserved48[184];
 };
@@ -317,7 +317,7 @@ static_assert(offsetof(ip_if_info_msg_entry, f1) == 32, "");
 #define IP_IF_INFO_FORWARDING 16u
 #define IP_IF_INFO_UNNUMBERED 32u
 #define IP_IF_INFO_REMOVED 64u  // the interface is gone: nothing but f0, f3 and f1 counts
-#define IP_IF_INFO_LAST 128u    // the last entry of the first full set
+#define IP_IF_INFO_LAST 128u    // the last entry of the first full set. No entry at all: that set is empty
 
 // A notification: a count and that many entries.
 typedef struct ip_if_info_msg {
