@@ -67,7 +67,7 @@ uint32_t m_copydata(struct mbuf *m, int32_t offset, int32_t length, void *buffer
 uint32_t m_length(struct mbuf *m);
 
 // Frees a packet, all buffers of it.
-//   m             the packet; not null
+//   m             the packet; null: nothing happens
 // Threads: one per packet. Blocks: no. Owns: takes the packet.
 void m_freem(struct mbuf *m);
 

@@ -36,6 +36,7 @@
 #include "ip_memory_types.h"
 #include "ip_messages.h"
 #include "ip_msg.h"
+#include "ip_packet.h"
 #include "ip_packet_util.h"
 #include "log.h"
 #include "mts.h"
