@@ -26,6 +26,7 @@ namespace {
 constexpr size_t longest_context_name = 35;    // a context record holds 36 bytes with the terminator
 constexpr size_t longest_interface_name = 15;  // the kernel's limit
 constexpr size_t longest_pattern = 63;
+constexpr size_t longest_group_name = 255;
 constexpr uint32_t largest_context_id = 0x7fffffff;  // some queries take it as a signed number
 
 struct Level {
@@ -153,6 +154,10 @@ LoadShareRule read_load_share(const JsonObject &object) {
   return rule;
 }
 
+std::string read_group(const JsonObject &object, const char *key) {
+  return object.has(key) ? object.required_text(key, longest_group_name) : "";
+}
+
 template <class Read>
 void read_list(const JsonObject &object, const char *key, std::initializer_list<std::string_view> known, Read read,
                Configuration &configuration) {
@@ -162,15 +167,17 @@ void read_list(const JsonObject &object, const char *key, std::initializer_list<
 
 Configuration read_configuration(std::string_view text) {
   const nlohmann::json json = parse_json(text);
-  const JsonObject object(
-      json, "",
-      {"contexts", "vips", "unnumbered", "multicast_routes", "leaks", "router_id", "log_level", "load_share"});
+  const JsonObject object(json, "",
+                          {"contexts", "vips", "unnumbered", "multicast_routes", "leaks", "router_id", "log_level",
+                           "load_share", "read_group", "configure_group"});
   Configuration configuration;
   configuration.router_id = read_router_id(object);
   if (const auto level = object.text("log_level", 255)) configuration.log_level = read_level(object, *level);
   if (object.has("load_share")) {
     configuration.load_share = read_load_share(JsonObject(json["load_share"], "load_share", {"mode", "value"}));
   }
+  configuration.read_group = read_group(object, "read_group");
+  configuration.configure_group = read_group(object, "configure_group");
   read_list(object, "contexts", {"name", "id", "table", "router_id", "interfaces"}, read_context, configuration);
   read_list(object, "vips", {"interface", "address"}, read_vip, configuration);
   read_list(object, "unnumbered", {"interface", "source"}, read_unnumbered, configuration);
@@ -229,6 +236,8 @@ std::string describe(const Configuration &configuration) {
   if (const auto &rule = configuration.load_share) {
     out += std::string("load share ") + load_share_modes[rule->mode] + " value " + std::to_string(rule->value) + "\n";
   }
+  if (!configuration.read_group.empty()) out += "read group " + configuration.read_group + "\n";
+  if (!configuration.configure_group.empty()) out += "configure group " + configuration.configure_group + "\n";
   for (const ContextRule &rule : configuration.contexts) {
     out += "context " + rule.name;
     if (rule.id != 0) out += " id " + std::to_string(rule.id);

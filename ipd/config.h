@@ -80,6 +80,8 @@ struct Configuration {
   uint32_t router_id = 0;        // of the default context
   std::optional<int> log_level;  // as in syslog(3)
   std::optional<LoadShareRule> load_share;
+  // Who may ask, and who may change things; by name or number, empty: not said.
+  std::string read_group, configure_group;
   bool operator==(const Configuration &) const = default;
 };
 

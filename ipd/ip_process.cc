@@ -9,6 +9,8 @@
 // until then: so the first commit waits until the picture is whole. From then on each batch of events is committed at
 // once.
 //
+// Requests of clients are taken from the moment that we are live: who is served then finds what he asks about.
+//
 // Routes have a segment of their own and come from a socket of their own. We are live when they are whole too, but not
 // later than a while after everything else; and when their segment or their socket cannot be had, everything else is
 // served without them.
@@ -103,6 +105,9 @@ int IpProcess::open_kernel() {
   std::string reason;
   state_.emplace(*publisher_, *ids_);
   state_->configure(configuration_);
+  state_->after_commit([this](const std::set<uint32_t> &ifindexes) {
+    if (control_ != nullptr) control_->interfaces_changed(ifindexes);
+  });
   kernel_ = kernel::Rtnetlink::open(picture_, options_.receive_buffer, &reason);
   if (kernel_ == nullptr || !loop_->watch(
                                 kernel_->descriptor(), [this] { read_kernel(); }, &reason)) {
@@ -176,6 +181,7 @@ void IpProcess::go_live() {
     return loop_->stop();
   }
   attached_ = true;
+  if (!options_.once) serve_clients();
   const PublisherUse use = publisher_->use();
   const uint64_t routes = routes_ == nullptr ? 0 : routes_->routes();
   log_line(LOG_NOTICE, "live: %u contexts, %u interfaces, %u addresses, %llu routes in %s after %.3f s", use.contexts,
@@ -184,6 +190,13 @@ void IpProcess::go_live() {
   notify_service_manager("READY=1");
   live_();
   if (options_.once) loop_->stop();
+}
+
+// Without it, the database is served all the same.
+void IpProcess::serve_clients() {
+  std::string reason;
+  control_ = ControlSap::open(*loop_, configuration_, &reason);
+  if (control_ == nullptr) log_line(LOG_ERR, "no requests are served: %s", reason.c_str());
 }
 
 void IpProcess::publish_changes() {
@@ -285,6 +298,7 @@ void IpProcess::reload() {
     }
     if (routes_ != nullptr) routes_->configure(configuration_);
     if (kernel_ != nullptr) publish_routes();
+    if (control_ != nullptr) control_->configure(configuration_);
     log_line(LOG_NOTICE, "configuration read again");
   }
   notify_service_manager("READY=1");
@@ -330,6 +344,7 @@ void IpProcess::tick() {
   if (routes_ != nullptr) routes_->tick(now);
   if (kernel_ != nullptr) publish_routes();
   publisher_->tick(now);
+  if (control_ != nullptr) control_->tick();
 }
 
 int IpProcess::run() {

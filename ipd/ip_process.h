@@ -11,6 +11,7 @@
 #include <string>
 
 #include "ipd/config.h"
+#include "ipd/control_sap.h"
 #include "ipd/event_loop.h"
 #include "ipd/kernel/multicast.h"
 #include "ipd/kernel/rtnetlink.h"
@@ -54,6 +55,7 @@ class IpProcess {
   void go_live_when_whole();
   void simulate_changes();
   void go_live();
+  void serve_clients();
   void reload();
   void tick();
   void report_losses();
@@ -73,7 +75,8 @@ class IpProcess {
   std::unique_ptr<kernel::Multicast> multicast_;
   std::optional<State> state_;
   std::optional<MulticastState> multicast_state_;
-  uint64_t counts_told_ = 0;  // of multicast_->counts_read()
+  std::unique_ptr<ControlSap> control_;  // null: not live yet, or the SAP cannot be had
+  uint64_t counts_told_ = 0;             // of multicast_->counts_read()
   std::optional<SimulationPlan> plan_;
   std::unique_ptr<Simulation> simulation_;
   bool is_live_ = false;

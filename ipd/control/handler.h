@@ -21,6 +21,10 @@ class Handler {
   // Does it, or says why not. A handler that answers, answers in both cases. A request of the transport that it leaves
   // unanswered is rejected by the caller.
   virtual Refusal handle(const Request &request) = 0;
+  // One of its messages was refused before it got here: malformed (its bytes may then be fewer than its record; as()
+  // fills up with zeros), or its sender may not. Whoever waits for a message as the answer gets it here; requests of
+  // the transport are rejected by the caller.
+  virtual void refused(const Request & /*request*/, Refusal /*refusal*/) {}
   // The process is gone for good: what it held ends.
   virtual void process_gone(int32_t /*pid*/) {}
   // The queue that this sender sent from is unbound, or its process died: what goes to that SAP from now on would reach

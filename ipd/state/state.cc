@@ -322,6 +322,7 @@ void State::apply_unnumbered() {
   for (auto told = loans_.begin(); told != loans_.end();) {
     if (!want.contains(told->first) &&
         accepted(publisher_.set_unnumbered(told->first, 0, ""), "end the loan to", std::to_string(told->first))) {
+      lent_anew_.insert(told->first);
       told = loans_.erase(told);
     } else {
       ++told;
@@ -333,6 +334,7 @@ void State::apply_unnumbered() {
     if (accepted(publisher_.set_unnumbered(borrower, loan.source_ifindex, loan.source_name), "lend the address of",
                  loan.source_name)) {
       loans_[borrower] = loan;
+      lent_anew_.insert(borrower);
     }
   }
 }
@@ -394,6 +396,10 @@ bool State::update(const Picture &picture, kernel::Changes changes) {
   }
   if (before_commit_) before_commit_(touched);
   accepted(publisher_.commit(), "commit", "the batch");
+  touched.merge(lent_anew_);
+  lent_anew_.clear();
+  for (const auto &[ifindex, id] : changes.addresses) touched.insert(ifindex);
+  if (after_commit_) after_commit_(touched);
   return !refused_;
 }
 

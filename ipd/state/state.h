@@ -31,6 +31,9 @@ class State {
   void before_commit(std::function<void(const std::set<uint32_t> &ifindexes)> call) {
     before_commit_ = std::move(call);
   }
+  // Called after the commit, with the interfaces of which anything may be published anew: they themselves, their
+  // addresses, or whose address they borrow.
+  void after_commit(std::function<void(const std::set<uint32_t> &ifindexes)> call) { after_commit_ = std::move(call); }
 
   // Publishes what `changes` name and commits, once for the whole batch. False: the publisher refused something, now or
   // earlier (logged); it is tried again when everything is compared next, which retry_due() asks for.
@@ -92,6 +95,8 @@ class State {
   bool names_changed_ = true;                     // an interface came, went or was renamed
   uint64_t surroundings_version_ = 1;
   std::function<void(const std::set<uint32_t> &)> before_commit_;
+  std::function<void(const std::set<uint32_t> &)> after_commit_;
+  std::set<uint32_t> lent_anew_;  // borrowers, until the commit
   bool refused_ = false;
   uint64_t refusals_ = 0;
 };

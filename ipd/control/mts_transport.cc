@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+// We answer many and wait for nobody: a send fails at once where it would wait for room.
+#include "ipd/control/mts_transport.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "ip_api.h"
+#include "mts/mts_server.h"
+
+namespace ipd::control {
+namespace {
+
+constexpr uint32_t no_queue = ~uint32_t{0};
+
+int error_of(int32_t result) {
+  return result < 0 ? errno : 0;
+}
+
+Sender sender_of(mts_msg_ref_t reference) {
+  rsw::MtsSender sender{};
+  if (!rsw::mts_sender(reference, &sender)) return {};
+  return {.pid = sender.pid, .uid = sender.uid, .sap = sender.sap};
+}
+
+Request request_of(mts_msg_ref_t reference) {
+  const auto *payload = static_cast<const std::byte *>(mts_payload_get(reference));
+  return {.sender = sender_of(reference),
+          .minor = 0,
+          .opcode = mts_opc_get(reference),
+          .bytes = {payload, payload == nullptr ? 0 : mts_payload_size(reference)},
+          .reference = reference,
+          .wants_answer = rsw::mts_is_request(reference)};
+}
+
+}  // namespace
+
+std::unique_ptr<MtsTransport> MtsTransport::open(std::string *reason) {
+  if (ip_init_mts(&ip_server_ctrl_mts_q, IP_SAP_CONTROL) == 0) {
+    *reason = "SAP " + std::to_string(IP_SAP_CONTROL) + " cannot be bound: " + strerror(errno);
+    return nullptr;
+  }
+  std::unique_ptr<MtsTransport> made(new MtsTransport);
+  rsw::mts_set_patience(ip_server_ctrl_mts_q, 0);
+  rsw::mts_watch_peers(ip_server_ctrl_mts_q, true);
+  return made;
+}
+
+MtsTransport::~MtsTransport() {
+  mts_unbind(ip_server_ctrl_mts_q, 0);
+  ip_server_ctrl_mts_q = no_queue;
+}
+
+int MtsTransport::descriptor() const {
+  return mts_queue_fd(ip_server_ctrl_mts_q);
+}
+
+MtsTransport::Reading MtsTransport::read(size_t most, const std::function<void(const Request &)> &arrived,
+                                         const std::function<void(const Sender &)> &gone, std::string *reason) {
+  for (size_t taken = 0; taken < most; ++taken) {
+    mts_msg_ref_t reference = nullptr;
+    if (mts_recv_now(ip_server_ctrl_mts_q, &reference) < 0) {
+      if (errno == EAGAIN) return Reading::empty;
+      // The other one: somebody to whom we sent something is gone.
+      if (errno == EINTR || errno == ECONNRESET) continue;
+      *reason = std::string("messages cannot be received: ") + strerror(errno);
+      return Reading::broken;
+    }
+    if (rsw::mts_is_gone(reference)) {
+      gone(sender_of(reference));
+    } else {
+      arrived(request_of(reference));
+    }
+    mts_drop(ip_server_ctrl_mts_q, reference);
+  }
+  return Reading::more;
+}
+
+bool MtsTransport::sender_in_group(const Request &request, uint32_t gid) {
+  return rsw::mts_sender_in_group(request.reference, gid);
+}
+
+int MtsTransport::send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message) {
+  mts_send_opts options{};
+  options.w[0] = 1;
+  // It is only read.
+  auto *payload = const_cast<std::byte *>(message.data());
+  return error_of(mts_send(ip_server_ctrl_mts_q, IP_NODE_LOCAL, sap, opcode, payload,
+                           static_cast<uint32_t>(message.size()), nullptr, 0, &options));
+}
+
+int MtsTransport::answer(const Request &request, std::span<const std::byte> message) {
+  return error_of(rsw::mts_reply(ip_server_ctrl_mts_q, request.reference, request.opcode, message.data(),
+                                 static_cast<uint32_t>(message.size())));
+}
+
+int MtsTransport::reject(const Request &request) {
+  return error_of(rsw::mts_reject(ip_server_ctrl_mts_q, request.reference));
+}
+
+}  // namespace ipd::control

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// The control SAP of this ipd: its queue, the service on it, and the handlers.
+#ifndef IPD_CONTROL_SAP_H
+#define IPD_CONTROL_SAP_H
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "ipd/config.h"
+#include "ipd/control/clients.h"
+#include "ipd/control/mts_transport.h"
+#include "ipd/control/pidfd_watch.h"
+#include "ipd/control/processes.h"
+#include "ipd/control/rights.h"
+#include "ipd/control/service.h"
+#include "ipd/event_loop.h"
+
+namespace ipd {
+
+class ControlSap {
+ public:
+  // From now on clients are served, out of the loop. Null: *reason.
+  static std::unique_ptr<ControlSap> open(EventLoop &loop, const Configuration &configuration, std::string *reason);
+  ControlSap(const ControlSap &) = delete;
+  ControlSap &operator=(const ControlSap &) = delete;
+
+  void configure(const Configuration &configuration);
+  void interfaces_changed(const std::set<uint32_t> &ifindexes) { service_.interfaces_changed(ifindexes); }
+  void tick();
+
+ private:
+  ControlSap(std::unique_ptr<control::MtsTransport> transport, std::unique_ptr<control::PidfdWatch> watch);
+  void add_handlers();
+  bool take_messages();
+  void read();
+
+  std::unique_ptr<control::MtsTransport> transport_;
+  std::unique_ptr<control::PidfdWatch> watch_;
+  control::Processes processes_;
+  control::Rights rights_;
+  control::Service service_;
+  control::Clients clients_;
+  bool broken_ = false;
+};
+
+}  // namespace ipd
+
+#endif
