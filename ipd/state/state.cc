@@ -12,9 +12,9 @@
 //   3. interfaces that are gone, or are another device now, go with their addresses;
 //   4. interfaces are set (a change of context moves them), then their addresses;
 //   5. contexts that nobody wants any more go;
-//   6. virtual addresses and loans of the configuration follow the interfaces that their names mean now;
+//   6. virtual addresses and loans follow the interfaces that their names mean now;
 //   7. who publishes more about interfaces is told which were touched;
-//   8. commit.
+//   8. commit, and then whoever follows what is published is told.
 //
 // A refusal of the publisher (a full table) is logged, counts as not told, and everything is compared again later.
 #include "ipd/state/state.h"
@@ -184,6 +184,7 @@ void State::remove_interface(uint32_t ifindex) {
   if (const auto name = by_name_.find(told->second.state.name); name != by_name_.end() && name->second == ifindex) {
     by_name_.erase(name);
   }
+  by_iod_.erase(told->second.iod);
   interfaces_.erase(told);
   names_changed_ = true;
 }
@@ -249,6 +250,8 @@ void State::set_interface(const Picture &picture, uint32_t ifindex, bool compare
       log_line(LOG_INFO, "interface %s, ifindex %u, context %u", want->name.c_str(), ifindex, want->context_id);
       told = interfaces_.emplace(ifindex, Told{}).first;
       told->second.incarnation = picture.links().at(ifindex).incarnation;
+      told->second.iod = publisher_.iod(ifindex);
+      by_iod_[told->second.iod] = ifindex;
       compare = true;
     }
     if (told->second.state.name != want->name) {
@@ -287,56 +290,35 @@ void State::change_addresses(const Picture &picture, uint32_t ifindex, const std
   for (const auto &[place, address] : to_set) tell_address(ifindex, told, address, place);
 }
 
-void State::apply_vips() {
-  std::set<std::pair<uint32_t, uint32_t>> want;
-  for (const VipRule &rule : configuration_.vips) {
-    if (const auto found = by_name_.find(rule.interface); found != by_name_.end()) {
-      want.insert({found->second, rule.address});
-    }
-  }
-  for (auto told = vips_.begin(); told != vips_.end();) {
-    if (!want.contains(*told) && accepted(publisher_.remove_vip({.ifindex = told->first, .addr = told->second}),
-                                          "take back virtual address", print_address(told->second))) {
-      told = vips_.erase(told);
-    } else {
-      ++told;
-    }
-  }
-  for (const auto &vip : want) {
-    if (vips_.contains(vip)) continue;
-    if (accepted(publisher_.set_vip({.ifindex = vip.first, .addr = vip.second}), "publish virtual address",
-                 print_address(vip.second))) {
-      vips_.insert(vip);
-    }
-  }
+void State::commit(const std::set<uint32_t> &touched) {
+  accepted(publisher_.commit(), "commit", "the batch");
+  if (after_commit_ && !touched.empty()) after_commit_(touched);
 }
 
-void State::apply_unnumbered() {
-  std::map<uint32_t, Loan> want;
-  for (const UnnumberedRule &rule : configuration_.unnumbered) {
-    const auto borrower = by_name_.find(rule.interface);
-    const auto source = by_name_.find(rule.source);
-    if (borrower == by_name_.end() || source == by_name_.end()) continue;
-    want[borrower->second] = {.source_ifindex = source->second, .source_name = rule.source};
-  }
-  for (auto told = loans_.begin(); told != loans_.end();) {
-    if (!want.contains(told->first) &&
-        accepted(publisher_.set_unnumbered(told->first, 0, ""), "end the loan to", std::to_string(told->first))) {
-      lent_anew_.insert(told->first);
-      told = loans_.erase(told);
-    } else {
-      ++told;
-    }
-  }
-  for (const auto &[borrower, loan] : want) {
-    const auto told = loans_.find(borrower);
-    if (told != loans_.end() && told->second == loan) continue;
-    if (accepted(publisher_.set_unnumbered(borrower, loan.source_ifindex, loan.source_name), "lend the address of",
-                 loan.source_name)) {
-      loans_[borrower] = loan;
-      lent_anew_.insert(borrower);
-    }
-  }
+const InterfaceState *State::interface(uint32_t ifindex) const {
+  const auto told = interfaces_.find(ifindex);
+  return told == interfaces_.end() ? nullptr : &told->second.state;
+}
+
+std::vector<AddressState> State::addresses(uint32_t ifindex) const {
+  const auto told = interfaces_.find(ifindex);
+  if (told == interfaces_.end()) return {};
+  std::map<AddressPlace, AddressState> by_place;
+  for (const auto &[id, address] : told->second.addresses) by_place.emplace(address.place, address.state);
+  std::vector<AddressState> list;
+  for (const auto &[place, address] : by_place) list.push_back(address);
+  return list;
+}
+
+uint32_t State::ifindex_of(uint32_t iod) const {
+  const auto found = by_iod_.find(iod);
+  return found == by_iod_.end() ? 0 : found->second;
+}
+
+std::vector<uint32_t> State::iods() const {
+  std::vector<uint32_t> list;
+  for (const auto &[iod, ifindex] : by_iod_) list.push_back(iod);
+  return list;
 }
 
 RouteSurroundings State::surroundings() const {
@@ -377,6 +359,8 @@ bool State::update(const Picture &picture, kernel::Changes changes) {
     remove_clashing_contexts();
   }
   if (changes.everything) set_contexts();
+  std::set<uint32_t> seen = touched;
+  add_borrowers(seen);  // before a lender that goes takes its loans along
   remove_gone(picture, touched);
   for (uint32_t ifindex : touched) set_interface(picture, ifindex, changes.everything);
   if (!changes.everything) {
@@ -385,6 +369,7 @@ bool State::update(const Picture &picture, kernel::Changes changes) {
       std::vector<AddressId> ids;
       for (; each != changes.addresses.end() && each->first == ifindex; ++each) ids.push_back(each->second);
       change_addresses(picture, ifindex, ids);
+      seen.insert(ifindex);
     }
   }
   if (changes.everything) remove_stale_contexts();
@@ -392,14 +377,11 @@ bool State::update(const Picture &picture, kernel::Changes changes) {
     names_changed_ = false;
     ++surroundings_version_;
     apply_vips();
-    apply_unnumbered();
+    apply_unnumbered(seen);
   }
+  add_borrowers(seen);
   if (before_commit_) before_commit_(touched);
-  accepted(publisher_.commit(), "commit", "the batch");
-  touched.merge(lent_anew_);
-  lent_anew_.clear();
-  for (const auto &[ifindex, id] : changes.addresses) touched.insert(ifindex);
-  if (after_commit_) after_commit_(touched);
+  commit(seen);
   return !refused_;
 }
 

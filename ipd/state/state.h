@@ -31,14 +31,25 @@ class State {
   void before_commit(std::function<void(const std::set<uint32_t> &ifindexes)> call) {
     before_commit_ = std::move(call);
   }
-  // Called after the commit, with the interfaces of which anything may be published anew: they themselves, their
-  // addresses, or whose address they borrow.
+  // Called after a commit with the interfaces that may look different to a reader now: that came, changed or went,
+  // their addresses too, and those that borrow an address of one of them. Whoever is called may call lend().
   void after_commit(std::function<void(const std::set<uint32_t> &ifindexes)> call) { after_commit_ = std::move(call); }
 
   // Publishes what `changes` name and commits, once for the whole batch. False: the publisher refused something, now or
   // earlier (logged); it is tried again when everything is compared next, which retry_due() asks for.
   bool update(const kernel::Picture &picture, kernel::Changes changes);
   [[nodiscard]] bool retry_due() const { return refused_; }
+
+  // Loans that were asked for at run time: all of them, each time. Published and committed at once, unless nothing was
+  // published yet. Where the configuration has a rule for the same borrower, that holds.
+  void lend(std::vector<UnnumberedRule> loans);
+
+  // What is published, by ifindex. Null, 0, nothing: there is no such interface, or no loan.
+  [[nodiscard]] const InterfaceState *interface(uint32_t ifindex) const;
+  [[nodiscard]] std::vector<AddressState> addresses(uint32_t ifindex) const;  // as readers see them, the primary first
+  [[nodiscard]] uint32_t lender(uint32_t ifindex) const;
+  [[nodiscard]] uint32_t ifindex_of(uint32_t iod) const;
+  [[nodiscard]] std::vector<uint32_t> iods() const;  // ascending
 
   // What routes need to know of it; another number: it may have changed.
   [[nodiscard]] uint64_t surroundings_version() const { return surroundings_version_; }
@@ -52,6 +63,7 @@ class State {
   };
   struct Told {
     InterfaceState state;
+    uint32_t iod = 0;
     uint64_t incarnation = 0;
     std::map<AddressId, ToldAddress> addresses;
   };
@@ -72,9 +84,11 @@ class State {
   void set_interface(const kernel::Picture &picture, uint32_t ifindex, bool compare_addresses);
   void compare_addresses(const kernel::InterfaceAddresses *addresses, uint32_t ifindex, Told &told);
   void change_addresses(const kernel::Picture &picture, uint32_t ifindex, const std::vector<AddressId> &ids);
-  void apply_rules();
   void apply_vips();
-  void apply_unnumbered();
+  [[nodiscard]] std::map<uint32_t, Loan> wanted_loans() const;
+  void apply_unnumbered(std::set<uint32_t> &touched);
+  void add_borrowers(std::set<uint32_t> &touched) const;
+  void commit(const std::set<uint32_t> &touched);
   bool tell_address(uint32_t ifindex, Told &told, const AddressState &address, const kernel::AddressPlace &place);
   void untell_address(uint32_t ifindex, Told &told, const AddressId &id);
   bool accepted(bool done, const char *what, const std::string &name);
@@ -90,13 +104,14 @@ class State {
   std::map<uint32_t, ContextState> contexts_;     // told, by id
   std::map<uint32_t, Told> interfaces_;           // told, by ifindex
   std::map<std::string, uint32_t> by_name_;       // of interfaces_
+  std::map<uint32_t, uint32_t> by_iod_;           // of interfaces_
   std::set<std::pair<uint32_t, uint32_t>> vips_;  // told: ifindex, addr
   std::map<uint32_t, Loan> loans_;                // told, by the borrower's ifindex
+  std::vector<UnnumberedRule> asked_loans_;       // by lend()
   bool names_changed_ = true;                     // an interface came, went or was renamed
   uint64_t surroundings_version_ = 1;
   std::function<void(const std::set<uint32_t> &)> before_commit_;
   std::function<void(const std::set<uint32_t> &)> after_commit_;
-  std::set<uint32_t> lent_anew_;  // borrowers, until the commit
   bool refused_ = false;
   uint64_t refusals_ = 0;
 };

@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+#include <net/if.h>
+
+#include "ipd/control/live_box.h"
+#include "ipd/process/log.h"
+#include "ipd/recording_publisher.h"
+
+namespace {
+
+using namespace ipd;
+using namespace ipd::control;
+using namespace ipd::kernel;
+
+constexpr uint32_t a1 = 0x0a000001, a2 = 0x0a000002, b1 = 0x0a010001;
+using Set = std::set<uint32_t>;
+using Loans = std::vector<UnnumberedRule>;
+
+LinkMessage link(uint32_t ifindex, const std::string &name) {
+  LinkMessage message;
+  message.ifindex = ifindex;
+  message.name = name;
+  message.flags = IFF_UP | IFF_RUNNING | IFF_MULTICAST;
+  message.mtu = 1500;
+  message.hardware_address_len = 6;
+  message.hardware_address[5] = static_cast<uint8_t>(ifindex);
+  return message;
+}
+
+LinkMessage link_gone(uint32_t ifindex) {
+  LinkMessage message;
+  message.ifindex = ifindex;
+  message.removed = true;
+  return message;
+}
+
+AddressMessage address(uint32_t ifindex, uint32_t local, bool secondary = false) {
+  return {.ifindex = ifindex, .local = local, .peer = local, .prefix_len = 24, .scope = 0, .secondary = secondary};
+}
+
+class LiveBoxTest : public testing::Test {
+ protected:
+  LiveBoxTest() {
+    set_log_limit(LOG_CRIT);
+    state.after_commit([this](const Set &ifindexes) { told.push_back(ifindexes); });
+  }
+  ~LiveBoxTest() override { set_log_limit(LOG_NOTICE); }
+
+  void configure(const std::string &json) {
+    std::string reason;
+    const auto configuration = parse_configuration(json, "test", &reason);
+    ASSERT_TRUE(configuration) << reason;
+    state.configure(*configuration);
+  }
+  void update() { ASSERT_TRUE(state.update(picture, picture.take_changes())); }
+  [[nodiscard]] uint32_t iod(uint32_t ifindex) const { return publisher.iod(ifindex); }
+  [[nodiscard]] uint32_t lender_of(uint32_t ifindex) const { return publisher.interfaces.at(ifindex).lender.first; }
+
+  test_support::RecordingPublisher publisher;
+  ContextIds ids{""};
+  Picture picture;
+  State state{publisher, ids};
+  LiveBox box{state, publisher};
+  std::vector<Set> told;  // each call after a commit
+};
+
+TEST_F(LiveBoxTest, AnInterfaceIsFoundByBothOfItsNumbers) {
+  picture.link(link(1, "lo"));
+  picture.link(link(7, "eth0"));
+  picture.address(address(7, a2));
+  picture.address(address(7, a1, true));
+  update();
+  const auto facts = box.interface(iod(7));
+  ASSERT_TRUE(facts);
+  EXPECT_EQ(facts->iod, iod(7));
+  EXPECT_EQ(facts->state, publisher.interfaces.at(7).state);
+  EXPECT_EQ(facts->addresses, publisher.interfaces.at(7).addresses);
+  EXPECT_EQ(facts->addresses.size(), 2u);
+  EXPECT_EQ(facts->lender_iod, 0u);
+  EXPECT_EQ(box.interface_by_ifindex(7)->iod, iod(7));
+}
+
+TEST_F(LiveBoxTest, WhatIsNotThereIsNotFound) {
+  picture.link(link(7, "eth0"));
+  update();
+  for (uint32_t unknown : {0u, iod(7) + 1, 0xffffffffu}) EXPECT_FALSE(box.interface(unknown)) << unknown;
+  for (uint32_t unknown : {0u, 6u, 0xffffffffu}) EXPECT_FALSE(box.interface_by_ifindex(unknown)) << unknown;
+}
+
+TEST_F(LiveBoxTest, AnInterfaceThatWentIsNotFoundUnderItsOldNumber) {
+  picture.link(link(7, "eth0"));
+  update();
+  const uint32_t old = iod(7);
+  picture.link(link_gone(7));
+  picture.link(link(7, "eth0"));
+  update();
+  EXPECT_NE(iod(7), old);
+  EXPECT_FALSE(box.interface(old));
+  EXPECT_EQ(box.iods(), std::vector<uint32_t>{iod(7)});
+}
+
+TEST_F(LiveBoxTest, ALoanIsPublishedAtOnce) {
+  picture.link(link(1, "lo"));
+  picture.link(link(5, "tun0"));
+  update();
+  const uint32_t commits = publisher.commits;
+  told.clear();
+  box.lend({{.interface = "tun0", .source = "lo"}});
+  EXPECT_EQ(lender_of(5), 1u);
+  EXPECT_EQ(publisher.commits, commits + 1);
+  EXPECT_EQ(told, std::vector<Set>{{5}});
+  EXPECT_EQ(box.interface(iod(5))->lender_iod, iod(1));
+}
+
+TEST_F(LiveBoxTest, LoansThatAreSaidAgainAreNoNews) {
+  picture.link(link(1, "lo"));
+  picture.link(link(5, "tun0"));
+  update();
+  const Loans loans{{.interface = "tun0", .source = "lo"}};
+  box.lend(loans);
+  publisher.calls.clear();
+  told.clear();
+  box.lend(loans);
+  EXPECT_TRUE(publisher.calls.empty());
+  EXPECT_TRUE(told.empty());
+}
+
+TEST_F(LiveBoxTest, ALoanThatIsNotAmongThemAnyMoreEnds) {
+  picture.link(link(1, "lo"));
+  picture.link(link(5, "tun0"));
+  picture.link(link(6, "tun1"));
+  update();
+  box.lend({{.interface = "tun0", .source = "lo"}, {.interface = "tun1", .source = "lo"}});
+  told.clear();
+  box.lend({{.interface = "tun1", .source = "lo"}});
+  EXPECT_EQ(lender_of(5), 0u);
+  EXPECT_EQ(lender_of(6), 1u);
+  EXPECT_EQ(told, std::vector<Set>{{5}});
+  EXPECT_EQ(box.interface(iod(5))->lender_iod, 0u);
+}
+
+TEST_F(LiveBoxTest, TheConfigurationsWordAboutABorrowerHolds) {
+  configure(R"({"unnumbered": [{"interface": "tun0", "source": "lo"}]})");
+  for (uint32_t i = 0; i < 2; ++i) picture.link(link(6 + i, "eth" + std::to_string(i)));
+  picture.link(link(5, "tun0"));
+  update();
+  box.lend({{.interface = "tun0", .source = "eth0"}});
+  EXPECT_EQ(lender_of(5), 0u) << "even while its lender is not there";
+  picture.link(link(1, "lo"));
+  update();
+  EXPECT_EQ(lender_of(5), 1u);
+}
+
+TEST_F(LiveBoxTest, ALoanComesIntoForceWhenTheConfigurationSaysNothingMore) {
+  configure(R"({"unnumbered": [{"interface": "tun0", "source": "lo"}]})");
+  picture.link(link(1, "lo"));
+  picture.link(link(6, "eth0"));
+  picture.link(link(5, "tun0"));
+  update();
+  box.lend({{.interface = "tun0", .source = "eth0"}});
+  configure("{}");
+  update();
+  EXPECT_EQ(lender_of(5), 6u);
+}
+
+TEST_F(LiveBoxTest, ALoanWaitsForItsLender) {
+  picture.link(link(5, "tun0"));
+  update();
+  box.lend({{.interface = "tun0", .source = "eth0"}});
+  EXPECT_EQ(lender_of(5), 0u);
+  picture.link(link(6, "eth0"));
+  update();
+  EXPECT_EQ(lender_of(5), 6u);
+  picture.link(link_gone(6));
+  update();
+  EXPECT_EQ(lender_of(5), 0u);
+}
+
+TEST_F(LiveBoxTest, NothingIsLentBeforeTheFirstPublication) {
+  picture.link(link(1, "lo"));
+  picture.link(link(5, "tun0"));
+  box.lend({{.interface = "tun0", .source = "lo"}});
+  EXPECT_TRUE(publisher.calls.empty());
+  EXPECT_EQ(publisher.commits, 0u);
+  update();
+  EXPECT_EQ(lender_of(5), 1u);
+}
+
+TEST_F(LiveBoxTest, NobodyBorrowsFromItself) {
+  picture.link(link(5, "tun0"));
+  update();
+  publisher.calls.clear();
+  box.lend({{.interface = "tun0", .source = "tun0"}});
+  EXPECT_TRUE(publisher.calls.empty());
+}
+
+TEST_F(LiveBoxTest, AfterACommitEachInterfaceThatChangedIsTold) {
+  picture.link(link(2, "eth0"));
+  picture.link(link(3, "eth1"));
+  update();
+  EXPECT_EQ(told, (std::vector<Set>{{2, 3}}));
+  told.clear();
+  picture.address(address(3, b1));
+  update();
+  EXPECT_EQ(told, std::vector<Set>{{3}}) << "an address alone";
+  told.clear();
+  picture.link(link_gone(3));
+  update();
+  EXPECT_EQ(told, std::vector<Set>{{3}});
+}
+
+TEST_F(LiveBoxTest, ABorrowerIsToldWithItsLender) {
+  picture.link(link(2, "eth0"));
+  picture.link(link(5, "tun0"));
+  update();
+  box.lend({{.interface = "tun0", .source = "eth0"}});
+  told.clear();
+  picture.address(address(2, a1));
+  update();
+  EXPECT_EQ(told, (std::vector<Set>{{2, 5}}));
+  told.clear();
+  picture.link(link_gone(2));
+  update();
+  EXPECT_EQ(told, (std::vector<Set>{{2, 5}}));
+}
+
+TEST_F(LiveBoxTest, WhoeverIsToldMayLend) {
+  picture.link(link(1, "lo"));
+  picture.link(link(5, "tun0"));
+  state.after_commit([this](const Set &ifindexes) {
+    told.push_back(ifindexes);
+    box.lend({{.interface = "tun0", .source = "lo"}});
+  });
+  update();
+  EXPECT_EQ(lender_of(5), 1u);
+  EXPECT_EQ(told, (std::vector<Set>{{1, 5}, {5}}));
+}
+
+}  // namespace
