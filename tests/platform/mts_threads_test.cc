@@ -1,61 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// Threads on one queue, many clients, fork, and memory on the way out.
+// Threads on one queue, many clients, and fork.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <map>
 #include <memory>
-#include <new>
 #include <set>
 #include <thread>
 
 #include "platform/mts_rig.h"
 #include "support/process.h"
 #include "support/run_directory.h"
-
-namespace {
-// Counts of the thread that asks; others may allocate meanwhile.
-thread_local uint64_t allocations = 0;
-}  // namespace
-
-// All forms, since one form's block may be given back by another. Not inlined: the compiler would take one half of a
-// pair for a mistake.
-[[gnu::noinline]] void *operator new(size_t size, const std::nothrow_t &) noexcept {
-  ++allocations;
-  return malloc(size > 0 ? size : 1);
-}
-[[gnu::noinline]] void *operator new(size_t size) {
-  void *block = operator new(size, std::nothrow);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-[[gnu::noinline]] void *operator new[](size_t size) {
-  return operator new(size);
-}
-[[gnu::noinline]] void *operator new[](size_t size, const std::nothrow_t &) noexcept {
-  return operator new(size, std::nothrow);
-}
-[[gnu::noinline]] void operator delete(void *block) noexcept {
-  free(block);
-}
-[[gnu::noinline]] void operator delete(void *block, size_t) noexcept {
-  free(block);
-}
-[[gnu::noinline]] void operator delete(void *block, const std::nothrow_t &) noexcept {
-  free(block);
-}
-[[gnu::noinline]] void operator delete[](void *block) noexcept {
-  free(block);
-}
-[[gnu::noinline]] void operator delete[](void *block, size_t) noexcept {
-  free(block);
-}
-[[gnu::noinline]] void operator delete[](void *block, const std::nothrow_t &) noexcept {
-  free(block);
-}
 
 namespace {
 
@@ -218,37 +175,6 @@ TEST_F(MtsThreads, AChildThatLivesOnDoesNotHideItsParentsDeath) {
   EXPECT_EQ(mts_unbind(successor, 0), 0);
   close(ends[0]);
   close(ends[1]);
-}
-
-TEST_F(MtsThreads, AConnectedSenderAllocatesNothing) {
-  const Queue server(263);
-  const Queue client;
-  ASSERT_EQ(send(client, 263, 1, "connect"), 0);
-  char payload[232] = {};
-  char piece[64] = {};
-  mts_iovec vector[1] = {{piece, sizeof piece}};
-  mts_send_opts opts{};
-  opts.w[0] = 1;
-  opts.w[1] = 1;
-  mts_send_opts_set_vector(&opts, vector);
-  const uint64_t before = allocations;
-  int failures = 0;
-  for (int i = 0; i < 100; ++i) {
-    failures += mts_send(client, local_node, 263, 1, payload, sizeof payload, nullptr, 0, &opts) != 0;
-  }
-  EXPECT_EQ(allocations, before);
-  EXPECT_EQ(failures, 0);
-}
-
-TEST_F(MtsThreads, TheCountOfAllocationsSeesTheReceiver) {
-  const Queue server(263);
-  const Queue client;
-  ASSERT_EQ(send(client, 263, 1, "x"), 0);
-  const uint64_t before = allocations;
-  mts_msg_ref_t msg = nullptr;
-  ASSERT_EQ(mts_recv_now(server, &msg), 0);
-  EXPECT_GT(allocations, before);
-  EXPECT_EQ(mts_drop(server, msg), 0);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace rsw::mts {
@@ -28,14 +29,32 @@ ucred peer_credentials(int socket) {
   return found;
 }
 
-int send_parts(int socket, const iovec *parts, size_t count, Clock::time_point deadline) {
+Clock::duration Patience::left() {
+  const Clock::time_point now = Clock::now();
+  if (!begun_) end_ = now + whole_;
+  begun_ = true;
+  return std::max(end_ - now, Clock::duration::zero());
+}
+
+namespace {
+
+// One part is what most messages are, and send(2) has less to look at.
+ssize_t send_now(int socket, const iovec *parts, size_t count) {
+  constexpr int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
+  if (count == 1) return ::send(socket, parts[0].iov_base, parts[0].iov_len, flags);
   msghdr message{};
   message.msg_iov = const_cast<iovec *>(parts);
   message.msg_iovlen = count;
-  while (sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+  return sendmsg(socket, &message, flags);
+}
+
+}  // namespace
+
+int send_parts(int socket, const iovec *parts, size_t count, Patience *patience) {
+  while (send_now(socket, parts, count) < 0) {
     if (errno == EINTR) continue;
     if (errno != EAGAIN) return errno;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(patience->left());
     if (left.count() <= 0) return EAGAIN;
     pollfd room{socket, POLLOUT, 0};
     poll(&room, 1, static_cast<int>(left.count()));

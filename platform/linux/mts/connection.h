@@ -33,6 +33,20 @@ class Descriptor {
   int fd_ = -1;
 };
 
+// How long a sender waits for room. The clock is first looked at when something has to wait, which most sends never
+// have to.
+class Patience {
+ public:
+  explicit Patience(std::chrono::milliseconds whole) : whole_(whole) {}
+  // From the first call on; not below zero.
+  Clock::duration left();
+
+ private:
+  std::chrono::milliseconds whole_;
+  Clock::time_point end_;
+  bool begun_ = false;
+};
+
 // Members beside `socket` are the queue's, under its mutex.
 struct Connection {
   Connection(uint64_t number, uint32_t peer_sap, bool accepted, Descriptor descriptor)
@@ -51,9 +65,9 @@ struct Connection {
 // The peer's credentials, as of when the connection was made.
 ucred peer_credentials(int socket);
 
-// One datagram out of the parts. 0, or an errno: EAGAIN when the peer's queue had no room until the deadline. A signal
-// does not end the wait.
-int send_parts(int socket, const iovec *parts, size_t count, Clock::time_point deadline);
+// One datagram out of the parts. 0, or an errno: EAGAIN when the peer's queue had no room in all the time that there is
+// patience for. A signal does not end the wait.
+int send_parts(int socket, const iovec *parts, size_t count, Patience *patience);
 
 // Whether an errno of a send says that there is nobody at the other end any more.
 bool peer_is_gone(int error);

@@ -94,13 +94,13 @@ class Queue {
 
   Queue() = default;
   // All below: with the mutex held, unless said otherwise.
-  int connection_to(uint32_t sap, Clock::time_point deadline, std::unique_lock<std::mutex> &lock,
+  int connection_to(uint32_t sap, Patience *patience, std::unique_lock<std::mutex> &lock,
                     std::shared_ptr<Connection> *found);
   std::shared_ptr<Connection> cached(uint32_t sap);
   std::shared_ptr<Connection> by_id(uint64_t id);
-  int send_once(uint32_t sap, const OutMessage &message, Clock::time_point deadline, bool *peer_gone,
+  int send_once(uint32_t sap, const OutMessage &message, Patience *patience, bool *peer_gone,
                 std::shared_ptr<Connection> *used);
-  int transmit(const Connection &connection, const OutMessage &message, Clock::time_point deadline);  // without it
+  int transmit(const Connection &connection, const OutMessage &message, Patience *patience);  // without it
   bool watch(int fd, uint64_t id, uint32_t events);
   void end(const std::shared_ptr<Connection> &connection);
   void accept_all();

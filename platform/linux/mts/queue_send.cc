@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sending: the connection is looked up or made, the parts go out in one sendmsg. Nothing is allocated once there is a
-// connection.
+// Sending: the connection is looked up or made, the message goes out in one system call. Nothing is allocated once
+// there is a connection.
 #include <errno.h>
 #include <sys/epoll.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "mts/queue.h"
 
@@ -13,13 +14,15 @@ namespace {
 
 // With this, the largest message fits into an empty connection whatever the system's default is.
 constexpr int send_buffer_bytes = 212992;
+// Up to here, putting a payload behind its header costs less than a system call that gathers the two.
+constexpr size_t copied_payload = 4096;
 
-Descriptor make_socket(Clock::time_point deadline) {
+Descriptor make_socket(Patience *patience) {
   Descriptor made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (made.get() < 0) return made;
   setsockopt(made.get(), SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes);
-  // A listener whose backlog is full makes connect wait: at most until the deadline. 0 would be without end.
-  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now());
+  // A listener whose backlog is full makes connect wait: not longer than there is patience. 0 would be without end.
+  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(patience->left());
   const int64_t wait = std::max<int64_t>(left.count(), 1);
   timeval bound{};
   bound.tv_sec = static_cast<time_t>(wait / 1000000);
@@ -37,7 +40,7 @@ std::shared_ptr<Connection> Queue::cached(uint32_t sap) {
   return nullptr;
 }
 
-int Queue::connection_to(uint32_t sap, Clock::time_point deadline, std::unique_lock<std::mutex> &lock,
+int Queue::connection_to(uint32_t sap, Patience *patience, std::unique_lock<std::mutex> &lock,
                          std::shared_ptr<Connection> *found) {
   *found = cached(sap);
   if (*found != nullptr) return 0;
@@ -48,7 +51,7 @@ int Queue::connection_to(uint32_t sap, Clock::time_point deadline, std::unique_l
   *found = cached(sap);
   if (*found != nullptr) return 0;
   // It is in the list from its first moment on, so that a fork's child closes its copy.
-  const auto fresh = std::make_shared<Connection>(next_id_++, sap, false, make_socket(deadline));
+  const auto fresh = std::make_shared<Connection>(next_id_++, sap, false, make_socket(patience));
   if (fresh->socket.get() < 0) return errno;
   connections_.push_back(fresh);
   count(&SapRecord::connections);
@@ -69,7 +72,7 @@ int Queue::connection_to(uint32_t sap, Clock::time_point deadline, std::unique_l
   return 0;
 }
 
-int Queue::transmit(const Connection &connection, const OutMessage &message, Clock::time_point deadline) {
+int Queue::transmit(const Connection &connection, const OutMessage &message, Patience *patience) {
   WireHeader header{};
   header.magic = wire_magic;
   header.kind = static_cast<uint32_t>(message.kind);
@@ -77,6 +80,14 @@ int Queue::transmit(const Connection &connection, const OutMessage &message, Clo
   header.sap = bound_.sap;
   header.token = message.token;
   header.pieces = message.pieces;
+  if (message.pieces == 0 && message.size <= copied_payload) {
+    uint8_t datagram[sizeof header + copied_payload];
+    header.size = message.size;
+    memcpy(datagram, &header, sizeof header);
+    if (message.size > 0) memcpy(datagram + sizeof header, message.payload, message.size);
+    const iovec whole{datagram, sizeof header + message.size};
+    return send_parts(connection.socket.get(), &whole, 1, patience);
+  }
   iovec parts[2 + most_pieces];
   parts[0] = {&header, sizeof header};
   parts[1] = {const_cast<void *>(message.payload), message.size};
@@ -87,15 +98,15 @@ int Queue::transmit(const Connection &connection, const OutMessage &message, Clo
   }
   if (size > largest_payload) return EMSGSIZE;
   header.size = static_cast<uint32_t>(size);
-  return send_parts(connection.socket.get(), parts, 2 + message.pieces, deadline);
+  return send_parts(connection.socket.get(), parts, 2 + message.pieces, patience);
 }
 
-int Queue::send_once(uint32_t sap, const OutMessage &message, Clock::time_point deadline, bool *peer_gone,
+int Queue::send_once(uint32_t sap, const OutMessage &message, Patience *patience, bool *peer_gone,
                      std::shared_ptr<Connection> *used) {
   std::unique_lock lock(mutex_);
   if (is_closed_) return EBADF;
   std::shared_ptr<Connection> connection;
-  if (const int error = connection_to(sap, deadline, lock, &connection); error != 0) return error;
+  if (const int error = connection_to(sap, patience, lock, &connection); error != 0) return error;
   const bool first_on_it = !connection->sent;
   connection->sent = true;
   // The response may be there before sendmsg has returned.
@@ -104,7 +115,7 @@ int Queue::send_once(uint32_t sap, const OutMessage &message, Clock::time_point 
     requests_.push_back({message.token, connection, false});
   }
   lock.unlock();
-  const int error = transmit(*connection, message, deadline);
+  const int error = transmit(*connection, message, patience);
   if (error == 0) return 0;
   lock.lock();
   if (message.kind == Kind::request) forget_request(message.token);
@@ -121,14 +132,14 @@ int Queue::send_once(uint32_t sap, const OutMessage &message, Clock::time_point 
 
 int Queue::send(uint32_t sap, const OutMessage &message) {
   // Relaxed: see set_patience.
-  const auto deadline = Clock::now() + std::chrono::milliseconds(patience_ms_.load(std::memory_order_relaxed));
+  Patience patience(std::chrono::milliseconds(patience_ms_.load(std::memory_order_relaxed)));
   bool peer_gone = false;
   std::shared_ptr<Connection> used;
-  int error = send_once(sap, message, deadline, &peer_gone, &used);
+  int error = send_once(sap, message, &patience, &peer_gone, &used);
   // The peer may have been replaced: one more connection is tried.
   if (error != 0 && peer_gone) {
     peer_gone = false;
-    error = send_once(sap, message, deadline, &peer_gone, &used);
+    error = send_once(sap, message, &patience, &peer_gone, &used);
     if (peer_gone) error = ECONNREFUSED;
   }
   count(error == 0 ? &SapRecord::sent : &SapRecord::send_failures);
@@ -153,7 +164,8 @@ int Queue::respond(const std::shared_ptr<Connection> &connection, const OutMessa
     if (!connection->alive) return ECONNRESET;
   }
   // No wait: whoever asked has to make room for the answer.
-  int error = transmit(*connection, message, Clock::now());
+  Patience none(std::chrono::milliseconds(0));
+  int error = transmit(*connection, message, &none);
   if (peer_is_gone(error)) error = ECONNRESET;
   count(error == 0 ? &SapRecord::sent : &SapRecord::send_failures);
   return error;
