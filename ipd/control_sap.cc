@@ -26,6 +26,7 @@ ControlSap::ControlSap(std::unique_ptr<control::MtsTransport> transport, std::un
 
 void ControlSap::add_handlers() {
   service_.add(clients_, {IP_MSG_REGISTER, IP_MSG_DEREGISTER});
+  service_.add(link_local_, {IP_MSG_REPORT_LINK_LOCAL});
 }
 
 std::unique_ptr<ControlSap> ControlSap::open(EventLoop &loop, const Configuration &configuration, std::string *reason) {

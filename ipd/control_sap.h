@@ -10,6 +10,7 @@
 
 #include "ipd/config.h"
 #include "ipd/control/clients.h"
+#include "ipd/control/link_local.h"
 #include "ipd/control/mts_transport.h"
 #include "ipd/control/pidfd_watch.h"
 #include "ipd/control/processes.h"
@@ -27,6 +28,9 @@ class ControlSap {
   ControlSap &operator=(const ControlSap &) = delete;
 
   void configure(const Configuration &configuration);
+  // For handlers that stand on more than messages; who adds one keeps it as long as this lives.
+  [[nodiscard]] control::Service &service() { return service_; }
+  [[nodiscard]] control::Transport &transport() { return *transport_; }
   void interfaces_changed(const std::set<uint32_t> &ifindexes) { service_.interfaces_changed(ifindexes); }
   void tick();
 
@@ -42,6 +46,7 @@ class ControlSap {
   control::Rights rights_;
   control::Service service_;
   control::Clients clients_;
+  control::LinkLocal link_local_;
   bool broken_ = false;
 };
 

@@ -196,7 +196,13 @@ void IpProcess::go_live() {
 void IpProcess::serve_clients() {
   std::string reason;
   control_ = ControlSap::open(*loop_, configuration_, &reason);
-  if (control_ == nullptr) log_line(LOG_ERR, "no requests are served: %s", reason.c_str());
+  if (control_ == nullptr) return log_line(LOG_ERR, "no requests are served: %s", reason.c_str());
+  if (!state_) return;  // simulated interfaces take no requests
+  handlers_ = std::make_unique<ControlHandlers>(*state_, *publisher_, control_->transport(), [this] {
+    share_load();
+    return publisher_->commit();
+  });
+  handlers_->add_to(control_->service());
 }
 
 void IpProcess::publish_changes() {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "ipd/config.h"
+#include "ipd/control_handlers.h"
 #include "ipd/control_sap.h"
 #include "ipd/event_loop.h"
 #include "ipd/kernel/multicast.h"
@@ -75,8 +76,9 @@ class IpProcess {
   std::unique_ptr<kernel::Multicast> multicast_;
   std::optional<State> state_;
   std::optional<MulticastState> multicast_state_;
-  std::unique_ptr<ControlSap> control_;  // null: not live yet, or the SAP cannot be had
-  uint64_t counts_told_ = 0;             // of multicast_->counts_read()
+  std::unique_ptr<ControlHandlers> handlers_;  // null: no kernel
+  std::unique_ptr<ControlSap> control_;        // null: not live yet, or the SAP cannot be had
+  uint64_t counts_told_ = 0;                   // of multicast_->counts_read()
   std::optional<SimulationPlan> plan_;
   std::unique_ptr<Simulation> simulation_;
   bool is_live_ = false;

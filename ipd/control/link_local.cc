@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ipd/control/link_local.h"
+
+#include "ip_msg.h"
+
+namespace ipd::control {
+
+Refusal LinkLocal::handle(const Request &request) {
+  const auto asked = request.as<ip_msg_link_local>();
+  if (asked.ref == 0) return Refusal::bad_field;
+  Reports &reports = reports_[request.sender.pid];
+  if (reports.size() >= most_of_a_process && !reports.contains(asked.ref)) return Refusal::limit;
+  reports[asked.ref] = asked.value;
+  return Refusal::none;
+}
+
+}  // namespace ipd::control

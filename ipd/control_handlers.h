@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+// What clients may ask of a box that mirrors a kernel: the handlers that need it.
+#ifndef IPD_CONTROL_HANDLERS_H
+#define IPD_CONTROL_HANDLERS_H
+
+#include <functional>
+#include <memory>
+
+#include "ipd/control/addresses.h"
+#include "ipd/control/live_box.h"
+#include "ipd/control/load_share.h"
+#include "ipd/control/loans.h"
+#include "ipd/control/redirects.h"
+#include "ipd/control/service.h"
+#include "ipd/control/transport.h"
+#include "ipd/kernel/address_requests.h"
+#include "ipd/kernel/redirects.h"
+
+namespace ipd {
+
+class ControlHandlers {
+ public:
+  // All of them outlive it. `share_load` reads the load-share setting and publishes it; false: it could not.
+  ControlHandlers(State &state, const Publisher &publisher, control::Transport &transport,
+                  std::function<bool()> share_load);
+
+  // It has to outlive the service from then on.
+  void add_to(control::Service &service);
+
+ private:
+  control::LiveBox box_;
+  std::unique_ptr<kernel::AddressRequests> address_requests_;
+  kernel::RedirectSettings redirect_settings_;
+  control::Addresses addresses_;
+  control::Loans loans_;
+  control::Redirects redirects_;
+  control::LoadShare load_share_;
+};
+
+}  // namespace ipd
+
+#endif
