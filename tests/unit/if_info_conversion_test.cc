@@ -28,6 +28,9 @@ class IfInfoConversion : public LibraryTest {
   ~IfInfoConversion() override {
     EXPECT_TRUE(platform().tlv.buffers.empty()) << "a buffer of the TLV library is left";
     EXPECT_FALSE(platform().tlv.freed_unknown);
+    if (!notification_is_kept()) return;
+    if (platform().allocations.contains(notification->payload)) mtrack_free(notification->payload);
+    mtrack_free(notification);
   }
 
   [[nodiscard]] bool notification_is_kept() const { return platform().allocations.contains(notification); }
