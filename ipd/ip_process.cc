@@ -31,6 +31,7 @@
 
 #include "ip_api.h"
 #include "ipd/kernel/load_share.h"
+#include "ipd/process/descriptors.h"
 #include "ipd/process/log.h"
 #include "ipd/process/service.h"
 #include "mtrack/mtrack_writer.h"
@@ -356,6 +357,7 @@ void IpProcess::tick() {
 int IpProcess::run() {
   started_ = Clock::now();
   set_log_limit(configuration_.log_level.value_or(LOG_NOTICE));
+  if (std::string reason; !raise_descriptor_limit(&reason)) log_line(LOG_WARNING, "%s", reason.c_str());
   if (const int status = prepare(); status != exit_clean) return status;
   if (const int status = options_.simulation.empty() ? open_kernel() : open_simulation(); status != exit_clean) {
     return status;

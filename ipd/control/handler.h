@@ -12,6 +12,16 @@
 
 namespace ipd::control {
 
+// What a process holds, for people to look at. Each handler adds its own.
+struct Holdings {
+  uint32_t memberships = 0;  // groups and channels that it joined
+  uint32_t loans = 0;        // interfaces that it made unnumbered
+  uint32_t downloads = 0;    // of interface information, that go on
+  uint32_t link_local_reports = 0;
+  uint32_t link_local_ref = 0;  // of the last report
+  uint32_t link_local_value = 0;
+};
+
 class Handler {
  public:
   using Clock = std::chrono::steady_clock;
@@ -30,6 +40,7 @@ class Handler {
   // The queue that this sender sent from is unbound, or its process died: what goes to that SAP from now on would reach
   // somebody else. The process may live on, and what it holds it keeps.
   virtual void queue_gone(const Sender & /*sender*/) {}
+  virtual void add_holdings(int32_t /*pid*/, Holdings & /*held*/) const {}
   // These interfaces may have come, changed or gone, their addresses and whose address they borrow included, and that
   // is published.
   virtual void interfaces_changed(const std::set<uint32_t> & /*ifindexes*/) {}

@@ -28,6 +28,8 @@ TEST(Config, EveryKeyIsRead) {
     // who we are
     "router_id": "192.0.2.1",
     "log_level": "debug",
+    "read_group": "watchers",
+    "configure_group": "500",
     "contexts": [
       {"name": "default", "id": 1, "table": 254},
       {"name": "lab", "id": 7, "table": 100, "router_id": "192.0.2.7", "interfaces": ["eth1", "veth*"]}
@@ -41,6 +43,8 @@ TEST(Config, EveryKeyIsRead) {
   EXPECT_EQ(configuration->load_share, (LoadShareRule{.mode = 3, .value = 7}));
   EXPECT_EQ(configuration->router_id, 0xc0000201u);
   EXPECT_EQ(configuration->log_level, LOG_DEBUG);
+  EXPECT_EQ(configuration->read_group, "watchers");
+  EXPECT_EQ(configuration->configure_group, "500");
   ASSERT_EQ(configuration->contexts.size(), 2u);
   EXPECT_EQ(
       configuration->contexts[1],
@@ -55,13 +59,15 @@ TEST(Config, WhatIsInForceIsDescribed) {
       R"({"router_id": "192.0.2.1", "log_level": "info", "contexts": [{"name": "lab", "id": 7, "table": 100,
           "router_id": "192.0.2.7", "interfaces": ["eth1", "veth*"]}], "vips": [{"interface": "eth0",
           "address": "198.51.100.9"}], "unnumbered": [{"interface": "tun0", "source": "lo"}],
-          "load_share": {"mode": "l4"}})",
+          "load_share": {"mode": "l4"}, "read_group": "watchers", "configure_group": "routing"})",
       "f", &reason);
   ASSERT_TRUE(configuration) << reason;
   EXPECT_EQ(describe(*configuration),
             "router id 192.0.2.1\n"
             "log level info\n"
             "load share l4 value 0\n"
+            "read group watchers\n"
+            "configure group routing\n"
             "context lab id 7 table 100 router id 192.0.2.7 interfaces eth1 veth*\n"
             "virtual address 198.51.100.9 on eth0\n"
             "unnumbered tun0 borrows from lo\n");
@@ -182,6 +188,8 @@ const Mistake mistakes[] = {
      "unnumbered[1].interface: lends its address to another interface"},
     {"SourceTooLong", R"({"unnumbered": [{"interface": "a", "source": "sixteen-letters-"}]})",
      "unnumbered[0].source: longer than 15 characters"},
+    {"ReadGroupEmpty", R"({"read_group": ""})", "read_group: must not be empty"},
+    {"ConfigureGroupANumber", R"({"configure_group": 500})", "configure_group: must be a text in quotes"},
     {"LogLevelUnknown", R"({"log_level": "loud"})",
      "log_level: must be \"error\", \"warning\", \"notice\", \"info\" or \"debug\""},
     {"LogLevelANumber", R"({"log_level": 7})", "log_level: must be a text in quotes"},

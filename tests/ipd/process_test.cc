@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
 
+#include "ipd/process/descriptors.h"
 #include "ipd/process/run_lock.h"
 #include "ipd/process/service.h"
 #include "support/process.h"
@@ -151,6 +154,21 @@ TEST(Daemon, ItsParentDoesNotWaitForOneThatDied) {
     return 0;
   });
   EXPECT_EQ(parent.wait(), 7);
+}
+
+TEST(Descriptors, AreAsManyAsWhoeverStartedUsAllows) {
+  test_support::Process child([] {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = 50;
+    limit.rlim_max = std::min<rlim_t>(limit.rlim_max, 70);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    std::string reason;
+    if (!ipd::raise_descriptor_limit(&reason)) return 1;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    return limit.rlim_cur == limit.rlim_max ? 0 : 2;
+  });
+  EXPECT_EQ(child.wait(), 0);
 }
 
 }  // namespace
