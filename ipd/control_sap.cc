@@ -4,7 +4,7 @@
 
 #include <unistd.h>
 
-#include "ip_msg.h"
+#include "ip_show.h"
 #include "ipd/process/log.h"
 
 namespace ipd {
@@ -20,13 +20,15 @@ ControlSap::ControlSap(std::unique_ptr<control::MtsTransport> transport, std::un
       processes_(*watch_),
       rights_(geteuid(), control::MtsTransport::sender_in_group),
       service_(*transport_, processes_, rights_),
-      clients_(*transport_, processes_) {
+      clients_(*transport_, processes_),
+      show_(*transport_, service_, clients_) {
   add_handlers();
 }
 
 void ControlSap::add_handlers() {
   service_.add(clients_, {IP_MSG_REGISTER, IP_MSG_DEREGISTER});
   service_.add(link_local_, {IP_MSG_REPORT_LINK_LOCAL});
+  service_.add(show_, {IP_MSG_SHOW_CLIENTS, IP_MSG_SHOW_REGISTRATIONS, IP_MSG_SHOW_MESSAGES});
 }
 
 std::unique_ptr<ControlSap> ControlSap::open(EventLoop &loop, const Configuration &configuration, std::string *reason) {

@@ -16,6 +16,7 @@
 #include "ipd/control/processes.h"
 #include "ipd/control/rights.h"
 #include "ipd/control/service.h"
+#include "ipd/control/show.h"
 #include "ipd/event_loop.h"
 
 namespace ipd {
@@ -47,6 +48,7 @@ class ControlSap {
   control::Service service_;
   control::Clients clients_;
   control::LinkLocal link_local_;
+  control::Show show_;
   bool broken_ = false;
 };
 

@@ -125,6 +125,11 @@ void Clients::process_gone(int32_t pid) {
   }
 }
 
+void Clients::add_holdings(int32_t pid, Holdings &held) const {
+  const auto found = held_.find(pid);
+  if (found != held_.end()) held.registrations += static_cast<uint32_t>(found->second);
+}
+
 std::vector<Registration> Clients::after(uint32_t serial, size_t most) const {
   std::vector<Registration> found;
   for (const auto &[id, registration] : by_id_) {

@@ -39,6 +39,7 @@ class Clients final : public Handler {
   Refusal handle(const Request &request) override;
   void refused(const Request &request, Refusal refusal) override;
   void process_gone(int32_t pid) override;
+  void add_holdings(int32_t pid, Holdings &held) const override;
 
   [[nodiscard]] size_t size() const { return by_id_.size(); }
   // Those with a greater serial number, ascending, at most so many.

@@ -14,11 +14,12 @@ namespace ipd::control {
 
 // What a process holds, for people to look at. Each handler adds its own.
 struct Holdings {
+  uint32_t registrations = 0;
   uint32_t memberships = 0;  // groups and channels that it joined
   uint32_t loans = 0;        // interfaces that it made unnumbered
   uint32_t downloads = 0;    // of interface information, that go on
   uint32_t link_local_reports = 0;
-  uint32_t link_local_ref = 0;  // of the last report
+  uint32_t link_local_ref = 0;  // of the report with the greatest one
   uint32_t link_local_value = 0;
 };
 

@@ -14,4 +14,12 @@ Refusal LinkLocal::handle(const Request &request) {
   return Refusal::none;
 }
 
+void LinkLocal::add_holdings(int32_t pid, Holdings &held) const {
+  const auto found = reports_.find(pid);
+  if (found == reports_.end() || found->second.empty()) return;
+  held.link_local_reports += static_cast<uint32_t>(found->second.size());
+  held.link_local_ref = found->second.rbegin()->first;
+  held.link_local_value = found->second.rbegin()->second;
+}
+
 }  // namespace ipd::control

@@ -18,6 +18,7 @@ class LinkLocal final : public Handler {
 
   Refusal handle(const Request &request) override;
   void process_gone(int32_t pid) override { reports_.erase(pid); }
+  void add_holdings(int32_t pid, Holdings &held) const override;
 
   [[nodiscard]] const std::map<int32_t, Reports> &reports() const { return reports_; }  // by process
 

@@ -7,6 +7,8 @@
 // interface changed; the lender is the interface that has that name, whichever it is.
 #include "ipd/control/loans.h"
 
+#include <algorithm>
+
 #include <cstring>
 
 #include "ip_msg.h"
@@ -81,6 +83,11 @@ void Loans::tell() {
   if (rules == told_) return;
   told_ = rules;
   box_.lend(rules);
+}
+
+void Loans::add_holdings(int32_t pid, Holdings &held) const {
+  const auto count = std::ranges::count_if(loans_, [pid](const auto &loan) { return loan.second.pid == pid; });
+  held.loans += static_cast<uint32_t>(count);
 }
 
 }  // namespace ipd::control

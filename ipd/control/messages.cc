@@ -5,7 +5,7 @@
 #include <array>
 #include <cstring>
 
-#include "ip_msg.h"
+#include "ip_show.h"
 
 namespace ipd::control {
 namespace {
@@ -23,6 +23,12 @@ constexpr MessageKind interface_list(uint16_t minor, const char *name) {
   MessageKind kind = standard(minor, name, Right::configure);
   kind.most_size = IP_MAX_IPC_PAYLOAD;
   kind.is_list = true;
+  return kind;
+}
+
+constexpr MessageKind show(uint16_t minor, const char *name) {
+  MessageKind kind = standard(minor, name, Right::read);
+  kind.least_size = kind.most_size = sizeof(ip_msg_show);
   return kind;
 }
 
@@ -51,6 +57,9 @@ constexpr std::array kinds{
                 .most_size = IP_MAX_IPC_PAYLOAD,
                 .right = Right::read},
     interface_list(IP_MSG_UNNUMBERED_PSS_CLEANUP, "clean up unnumbered"),
+    show(IP_MSG_SHOW_CLIENTS, "show clients"),
+    show(IP_MSG_SHOW_REGISTRATIONS, "show registrations"),
+    show(IP_MSG_SHOW_MESSAGES, "show messages"),
 };
 static_assert(std::ranges::is_sorted(kinds, {}, &MessageKind::minor));
 

@@ -47,10 +47,25 @@ void Service::receive(Request request) {
   const Refusal refusal = serve(request, form, kind);
   // Answered ones are past that: the transport knows them.
   if (request.wants_answer) transport_.reject(request);
+  count(request, refusal);
+  if (refusal != Refusal::none) log_refusal(request, kind, refusal);
+}
+
+void Service::count(const Request &request, Refusal refusal) {
   MessageCounts &counts = counts_[request.minor];
   ++counts.received;
-  ++counts.refused[static_cast<size_t>(refusal)];
-  if (refusal != Refusal::none) log_refusal(request, kind, refusal);
+  ++counts.by_outcome[static_cast<size_t>(refusal)];
+  if (request.sender.pid <= 0) return;
+  SenderCounts &sender = senders_[request.sender.pid];
+  sender.uid = request.sender.uid;
+  ++sender.received;
+  if (refusal != Refusal::none) ++sender.refused;
+}
+
+Holdings Service::holdings(int32_t pid) const {
+  Holdings held;
+  for (const Handler *handler : handlers_) handler->add_holdings(pid, held);
+  return held;
 }
 
 void Service::log_refusal(const Request &request, const MessageKind *kind, Refusal refusal) {
@@ -62,6 +77,7 @@ void Service::log_refusal(const Request &request, const MessageKind *kind, Refus
 
 void Service::process_gone(int32_t pid) {
   for (Handler *handler : handlers_) handler->process_gone(pid);
+  senders_.erase(pid);
   std::erase_if(logged_, [pid](const auto &line) { return line.first == pid; });
 }
 

@@ -21,7 +21,14 @@ namespace ipd::control {
 
 struct MessageCounts {
   uint64_t received = 0;
-  std::array<uint64_t, refusal_count> refused{};  // [Refusal::none]: done
+  std::array<uint64_t, refusal_count> by_outcome{};  // by Refusal; none: done
+};
+
+// A process that sent something and is not gone. Counts wrap.
+struct SenderCounts {
+  uint32_t uid = 0;
+  uint32_t received = 0;
+  uint32_t refused = 0;
 };
 
 class Service {
@@ -42,9 +49,12 @@ class Service {
 
   // By minor type; 0: messages of no kind that is known.
   [[nodiscard]] const std::map<uint16_t, MessageCounts> &counts() const { return counts_; }
+  [[nodiscard]] const std::map<int32_t, SenderCounts> &senders() const { return senders_; }
+  [[nodiscard]] Holdings holdings(int32_t pid) const;
 
  private:
   Refusal serve(const Request &request, Refusal form, const MessageKind *kind);
+  void count(const Request &request, Refusal refusal);
   void log_refusal(const Request &request, const MessageKind *kind, Refusal refusal);
   void process_gone(int32_t pid);
 
@@ -54,6 +64,7 @@ class Service {
   std::map<uint16_t, Handler *> by_minor_;
   std::vector<Handler *> handlers_;
   std::map<uint16_t, MessageCounts> counts_;
+  std::map<int32_t, SenderCounts> senders_;       // by process
   std::set<std::pair<int32_t, Refusal>> logged_;  // by process
 };
 

@@ -117,7 +117,7 @@ struct System {
     receive(sender, IP_OPCODE_CLIENT, bytes_of(record));
   }
   [[nodiscard]] uint64_t count(uint16_t minor, Refusal refusal) const {
-    return service.counts().at(minor).refused[static_cast<size_t>(refusal)];
+    return service.counts().at(minor).by_outcome[static_cast<size_t>(refusal)];
   }
   void kill(int32_t pid) {
     watch.end(pid);
