@@ -8,7 +8,6 @@
 #include "ipd/control/loans.h"
 
 #include <algorithm>
-
 #include <cstring>
 
 #include "ip_msg.h"
