@@ -2,7 +2,7 @@
 # shellcheck shell=bash
 # Sourced by ./demo and ./check: installs Debian packages by name, only those that are missing.
 
-packages_build="g++ cmake ninja-build pkg-config libmnl-dev libcli11-dev nlohmann-json3-dev libfmt-dev googletest"
+packages_build="g++ cmake ninja-build pkg-config libmnl-dev nettle-dev libcli11-dev nlohmann-json3-dev libfmt-dev googletest"
 packages_run="iproute2 util-linux jq"
 packages_test="g++-multilib ccache clang clang-tidy cppcheck libclang-rt-14-dev binutils python3 python3-jsonschema bash-completion mandoc procps file bird2 keepalived"
 packages_bench="libbenchmark-dev liburcu-dev libnl-3-dev libnl-route-3-dev libdpdk-dev frr libdbus-1-dev dbus-daemon"

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Keyed digests, HMAC as in RFC 2104, for the IP authentication header. librsw does not provide them yet.
+// Keyed digests, HMAC as in RFC 2104, for the IP authentication header. Each call does the same work for the same
+// lengths, and allocates nothing.
 #ifndef RSW_HMAC_H
 #define RSW_HMAC_H
 
@@ -17,7 +18,8 @@ extern "C" {
 // Threads: any. Blocks: no. Owns: nothing.
 void hmac_md5(const void *buf, uint32_t len, const void *key, uint32_t key_len, uint8_t *digest);
 
-// HMAC-SHA over a buffer; which SHA is the platform's choice, the same for everybody who exchanges packets with it.
+// HMAC-SHA over a buffer; which SHA is the platform's choice, the same for everybody who exchanges packets with
+// it. librsw: SHA-1, whose 20 bytes are followed by zeros if more are wanted.
 //   buf, len      the bytes; len in bytes, 0 is allowed
 //   key, key_len  the key; libip passes a text without its terminator
 //   out_len       how many bytes of the digest are wanted, from its start; libip passes 16
