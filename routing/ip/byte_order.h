@@ -14,6 +14,12 @@ constexpr uint32_t swapped(uint32_t addr) {
   return addr;
 }
 
+// The same for a field of 16 bits.
+constexpr uint16_t swapped16(uint16_t field) {
+  if constexpr (std::endian::native == std::endian::little) return __builtin_bswap16(field);
+  return field;
+}
+
 }  // namespace libip
 
 #endif

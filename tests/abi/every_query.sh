@@ -11,6 +11,8 @@ exempt='ip_get_(api_error_info|broadcast_address|client_pointer|mac_multicast|ma
 # Asked of the IP process, or of the transport.
 exempt+='|ip_get_(interface_stats|urib_q)'
 exempt+='|ip_is_(addr_broadcast|addr_in_prefix|addr_multicast|mask_contiguous|syslog_svr_address)'
+# Asked about a packet, or a name.
+exempt+='|ip_get_(ttl_from_packet|proto_name|proto_num)|ip_is_mpls_oam_echo_request_packet'
 
 status=0
 asked=0

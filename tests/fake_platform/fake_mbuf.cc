@@ -83,11 +83,19 @@ struct mbuf *m_prepend(struct mbuf *m, int32_t bytes, int32_t one) {
 
 struct mbuf *m_pullup(struct mbuf *m, int32_t bytes) {
   platform().log.call(__func__, static_cast<const void *>(m), bytes);
+  const auto answer = platform().scripts.result<uintptr_t>(__func__, 1, 0);
   const auto wanted = static_cast<uint32_t>(bytes);
-  if (m == nullptr || fails(__func__) || wanted > total_length(m) ||
+  if (m == nullptr || answer == 0 || wanted > total_length(m) ||
       m->data.get() + wanted > buffer_of(m)->room + fake_platform::packet_room) {
     release(m);
     return nullptr;
+  }
+  if (answer == fake_platform::moves_packet) {
+    struct mbuf *moved = fake_platform::packet_buffer({m->data.get(), m->m_len});
+    moved->next = m->next.get();
+    m->next = nullptr;
+    release(m);
+    m = moved;
   }
   for (struct mbuf *next; m->m_len < wanted && (next = m->next.get()) != nullptr;) {
     const uint32_t moved = std::min(wanted - m->m_len, next->m_len);
@@ -102,10 +110,12 @@ struct mbuf *m_pullup(struct mbuf *m, int32_t bytes) {
 
 uint32_t m_copydata(struct mbuf *m, int32_t offset, int32_t length, void *buffer) {
   platform().log.call(__func__, static_cast<const void *>(m), offset, length);
+  const auto status = platform().scripts.result<uint32_t>(__func__, 0, 1);
   const std::vector<uint8_t> bytes = fake_platform::packet_bytes(m);
-  if (fails(__func__) || static_cast<size_t>(offset) + static_cast<size_t>(length) > bytes.size()) return 1;
+  if (status % 0x10000 != 0) return status;
+  if (static_cast<size_t>(offset) + static_cast<size_t>(length) > bytes.size()) return 1;
   std::memcpy(buffer, bytes.data() + offset, static_cast<size_t>(length));
-  return 0;
+  return status;
 }
 
 uint32_t m_length(struct mbuf *m) {
