@@ -123,11 +123,13 @@ void hmac_sha(const void *buf, uint32_t len, const void *key, uint32_t key_len, 
   mix(buf, len, key, key_len, 0x73686100u, digest, out_len);
 }
 
+// The library hands out one line as text, and a word behind it that no conversion asks for.
 void cli_new_printf(void *out, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = format_text(format, arguments);
+  const std::string text = va_arg(arguments, const char *);
+  const void *behind = va_arg(arguments, const void *);
   va_end(arguments);
-  platform().log.call(__func__, static_cast<const void *>(out), text.c_str());
+  platform().log.call(__func__, static_cast<const void *>(out), format, text.c_str(), behind);
   platform().command_output.push_back(text);
 }
