@@ -7,13 +7,16 @@
 #include <memory>
 
 #include "ipd/control/addresses.h"
+#include "ipd/control/downloads.h"
 #include "ipd/control/live_box.h"
 #include "ipd/control/load_share.h"
 #include "ipd/control/loans.h"
 #include "ipd/control/redirects.h"
 #include "ipd/control/service.h"
+#include "ipd/control/statistics.h"
 #include "ipd/control/transport.h"
 #include "ipd/kernel/address_requests.h"
+#include "ipd/kernel/interface_counters.h"
 #include "ipd/kernel/redirects.h"
 
 namespace ipd {
@@ -31,10 +34,13 @@ class ControlHandlers {
   control::LiveBox box_;
   std::unique_ptr<kernel::AddressRequests> address_requests_;
   kernel::RedirectSettings redirect_settings_;
+  std::unique_ptr<kernel::InterfaceCounters> counters_;
   control::Addresses addresses_;
   control::Loans loans_;
   control::Redirects redirects_;
   control::LoadShare load_share_;
+  control::Downloads downloads_;
+  control::Statistics statistics_;
 };
 
 }  // namespace ipd
