@@ -33,6 +33,37 @@ Json byte_counter(const CounterRow &row) {
   return row.bytes ? Json(row.bytes->at(index)) : Json(nullptr);
 }
 
+Json of_ipd(const ClientRow &row, uint32_t ClientOfIpd::*number) {
+  return row.of_ipd ? Json(*row.of_ipd.*number) : Json(nullptr);
+}
+
+Json last_report(const ClientRow &row) {
+  if (!row.of_ipd || row.of_ipd->link_local_reports == 0) return nullptr;
+  return {{"ref", row.of_ipd->link_local_ref}, {"value", row.of_ipd->link_local_value}};
+}
+
+Json registrations(const ClientRow &row) {
+  if (!row.of_ipd) return nullptr;
+  Json array = Json::array();
+  for (const RegistrationRow &registration : row.of_ipd->registrations) {
+    array.push_back({{"name", registration.name},
+                     {"key", registration.key},
+                     {"mode", registration.mode},
+                     {"arg1", registration.arg1},
+                     {"arg2", registration.arg2},
+                     {"data_sap", number_or_null(registration.data_sap)},
+                     {"flags", registration.flags},
+                     {"receive_function", text_or_null(registration.receive_function)}});
+  }
+  return array;
+}
+
+Json refusals(const MessageRow &row) {
+  Json object = Json::object();
+  for (size_t i = IP_SHOW_DONE + 1; i < row.counts.size(); ++i) object[outcome_name(i)] = row.counts[i];
+  return object;
+}
+
 }  // namespace
 
 Json address_or_null(uint32_t addr) {
@@ -124,15 +155,36 @@ JsonForm<rsw::MemoryUse> json_form() {
 }
 
 template <>
-JsonForm<rsw::EpochClient> json_form() {
-  using Row = rsw::EpochClient;
-  static constexpr std::array<JsonMember<Row>, 4> members{{
+JsonForm<ClientRow> json_form() {
+  using Row = ClientRow;
+  static constexpr std::array<JsonMember<Row>, 13> members{{
       {"pid", [](const Row &row) { return Json(row.pid); }},
       {"command", [](const Row &row) { return Json(row.command); }},
       {"threads", [](const Row &row) { return Json(row.threads); }},
-      {"in_query", [](const Row &row) { return Json(row.inside); }},
+      {"in_query", [](const Row &row) { return Json(row.in_query); }},
+      {"user", [](const Row &row) { return of_ipd(row, &ClientOfIpd::uid); }},
+      {"messages", [](const Row &row) { return of_ipd(row, &ClientOfIpd::received); }},
+      {"refused", [](const Row &row) { return of_ipd(row, &ClientOfIpd::refused); }},
+      {"memberships", [](const Row &row) { return of_ipd(row, &ClientOfIpd::memberships); }},
+      {"loans", [](const Row &row) { return of_ipd(row, &ClientOfIpd::loans); }},
+      {"downloads", [](const Row &row) { return of_ipd(row, &ClientOfIpd::downloads); }},
+      {"link_local_reports", [](const Row &row) { return of_ipd(row, &ClientOfIpd::link_local_reports); }},
+      {"link_local", last_report},
+      {"registrations", registrations},
   }};
   return {"clients", "clients", members};
+}
+
+template <>
+JsonForm<MessageRow> json_form() {
+  using Row = MessageRow;
+  static constexpr std::array<JsonMember<Row>, 4> members{{
+      {"type", [](const Row &row) { return number_or_null(row.minor); }},
+      {"name", [](const Row &row) { return Json(row.name); }},
+      {"done", [](const Row &row) { return Json(row.counts[IP_SHOW_DONE]); }},
+      {"refused", refusals},
+  }};
+  return {"messages", "messages", members};
 }
 
 template <>

@@ -8,12 +8,12 @@
 #include <span>
 #include <string>
 
+#include "control_state.h"
 #include "explain.h"
 #include "mtrack/mtrack_writer.h"
 #include "routes.h"
 #include "services.h"
 #include "snapshot.h"
-#include "tsp/epochs.h"
 
 namespace ipsh {
 
@@ -44,7 +44,9 @@ JsonForm<AddressRow> json_form();
 template <>
 JsonForm<rsw::MemoryUse> json_form();
 template <>
-JsonForm<rsw::EpochClient> json_form();
+JsonForm<ClientRow> json_form();
+template <>
+JsonForm<MessageRow> json_form();
 template <>
 JsonForm<RouteRow> json_form();
 template <>

@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "control_state.h"
 #include "exit_code.h"
 #include "explain.h"
 #include "mtrack/mtrack_writer.h"
@@ -15,7 +16,6 @@
 #include "services.h"
 #include "snapshot.h"
 #include "system_state.h"
-#include "tsp/epochs.h"
 #include "watch.h"
 
 namespace ipsh {
@@ -26,7 +26,8 @@ struct Printers {
   void (*interfaces)(const std::vector<InterfaceRow> &rows);
   void (*addresses)(const std::vector<AddressRow> &rows);
   void (*memory)(const std::vector<rsw::MemoryUse> &rows);
-  void (*clients)(const std::vector<rsw::EpochClient> &rows);
+  void (*clients)(const std::vector<ClientRow> &rows);
+  void (*messages)(const std::vector<MessageRow> &rows);
   void (*routes)(const RouteListing &listing);
   void (*vips)(const std::vector<VipRow> &rows);
   void (*groups)(const std::vector<GroupRow> &rows);

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "arguments.h"
+#include "control_state.h"
 #include "routes.h"
 #include "services.h"
 
@@ -72,9 +73,24 @@ ExitCode show_memory(const Options &options, const Printers &printers, Failure *
       options, failure, [](const Selection &) { return read_memory(); }, printers.memory);
 }
 
-ExitCode show_clients(const Options &options, const Printers &printers, Failure *failure) {
-  return show(
-      options, failure, [](const Selection &) { return read_clients(); }, printers.clients);
+// Who reads the database is known without ipd. Its silence is told by the attachment already when it does not run.
+ExitCode show_clients(const Options &, const Printers &printers, Failure *failure) {
+  const std::unique_ptr<Attachment> attachment = attach(failure);
+  if (!attachment) return failure->code;
+  Failure silence;
+  const std::vector<ClientRow> rows = read_clients(&silence);
+  if (!silence.message.empty() && attachment->writer_runs()) {
+    fmt::print(stderr, "ipsh: {}: only who reads the database is shown\n", silence.message);
+  }
+  printers.clients(rows);
+  return rows.empty() ? ExitCode::none : ExitCode::found;
+}
+
+ExitCode show_messages(const Options &, const Printers &printers, Failure *failure) {
+  const auto rows = read_messages(failure);
+  if (!rows) return failure->code;
+  printers.messages(*rows);
+  return ExitCode::found;
 }
 
 ExitCode show_system(const Options &, const Printers &printers, Failure *failure) {
@@ -157,7 +173,7 @@ struct Listing {
   ExitCode (*run)(const Options &, const Printers &, Failure *);
 };
 
-constexpr std::array<Listing, 11> listings{{
+constexpr std::array<Listing, 12> listings{{
     {"contexts", "routing contexts (VRFs): id, name, route table, router id", 0, "ipsh show contexts", show_contexts},
     {"interfaces", "interfaces: state, MTU, primary address, flags", by_context | by_interface,
      "ipsh show interfaces\n  ipsh show interfaces --context red --json", show_interfaces},
@@ -177,7 +193,11 @@ constexpr std::array<Listing, 11> listings{{
     {"counters", "multicast counters and PIM asserts of the interfaces, and the load-sharing setting",
      by_context | by_interface, "ipsh show counters --interface eth0", show_counters},
     {"memory", "memory in use, by process and type", 0, "ipsh show memory", show_memory},
-    {"clients", "processes that read the shared database", 0, "ipsh show clients", show_clients},
+    {"clients", "processes that read the shared database or use ipd's control service", 0,
+     "ipsh show clients\n  ipsh show clients --json | jq -r '.clients[].registrations[]?.name'", show_clients},
+    {"messages", "messages to ipd's control service: done and refused, by kind", 0,
+     "ipsh show messages\n  ipsh show messages --json | jq '.messages[] | select(.name == \"register\")'",
+     show_messages},
     {"system", "ipd, the supervisor state and the shared database", 0, "ipsh show system", show_system},
 }};
 

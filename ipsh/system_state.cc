@@ -56,13 +56,6 @@ std::vector<rsw::MemoryUse> read_memory() {
   return rows;
 }
 
-std::vector<rsw::EpochClient> read_clients() {
-  std::vector<rsw::EpochClient> rows = rsw::epoch_clients();
-  std::erase_if(rows, [self = getpid()](const rsw::EpochClient &client) { return client.pid == self; });
-  std::ranges::sort(rows, {}, &rsw::EpochClient::pid);
-  return rows;
-}
-
 bool set_supervisor(uint32_t state, Failure *failure) {
   const std::string path = rsw::segment_path("/rsw/shm/sysmgr");
   if (access(path.c_str(), W_OK) != 0) {

@@ -10,7 +10,6 @@
 #include "attachment.h"
 #include "exit_code.h"
 #include "mtrack/mtrack_writer.h"
-#include "tsp/epochs.h"
 
 namespace ipsh {
 
@@ -32,8 +31,6 @@ struct SystemState {
 
 // Sorted by process, component and type.
 [[nodiscard]] std::vector<rsw::MemoryUse> read_memory();
-// The processes that are attached as readers, ipsh itself left out.
-[[nodiscard]] std::vector<rsw::EpochClient> read_clients();
 
 // Sets the supervisor state. False: *failure.
 [[nodiscard]] bool set_supervisor(uint32_t state, Failure *failure);

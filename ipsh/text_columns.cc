@@ -34,6 +34,33 @@ std::string next_hops_text(const RouteRow &row) {
   return or_dash(text);
 }
 
+std::string now_text(const ClientRow &row) {
+  if (row.threads == 0) return "-";
+  return row.in_query ? "in a query" : "outside";
+}
+
+std::string of_ipd(const ClientRow &row, uint32_t ClientOfIpd::*number) {
+  return row.of_ipd ? number_text(*row.of_ipd.*number) : "-";
+}
+
+std::string registrations_text(const ClientRow &row) {
+  std::string text;
+  if (!row.of_ipd) return "-";
+  for (const RegistrationRow &registration : row.of_ipd->registrations) {
+    text += fmt::format("{}{}/{}", text.empty() ? "" : ", ", registration.name, registration.key);
+  }
+  return or_dash(text);
+}
+
+// "too-short:2,not-allowed:1".
+std::string why_text(const MessageRow &row) {
+  std::string text;
+  for (size_t i = IP_SHOW_DONE + 1; i < row.counts.size(); ++i) {
+    if (row.counts[i] != 0) text += fmt::format("{}{}:{}", text.empty() ? "" : ",", outcome_name(i), row.counts[i]);
+  }
+  return or_dash(text);
+}
+
 }  // namespace
 
 std::string number_text(uint64_t value) {
@@ -127,13 +154,32 @@ std::span<const TextColumn<rsw::MemoryUse>> text_columns() {
 }
 
 template <>
-std::span<const TextColumn<rsw::EpochClient>> text_columns() {
-  using rsw::EpochClient;
-  static constexpr std::array<TextColumn<EpochClient>, 4> columns{{
-      {"PID", right, [](const EpochClient &row) { return fmt::format("{}", row.pid); }},
-      {"COMMAND", left, [](const EpochClient &row) { return or_dash(row.command); }},
-      {"THREADS", right, [](const EpochClient &row) { return number_text(row.threads); }},
-      {"NOW", left, [](const EpochClient &row) -> std::string { return row.inside ? "in a query" : "outside"; }},
+std::span<const TextColumn<ClientRow>> text_columns() {
+  static constexpr std::array<TextColumn<ClientRow>, 11> columns{{
+      {"PID", right, [](const ClientRow &row) { return fmt::format("{}", row.pid); }},
+      {"COMMAND", left, [](const ClientRow &row) { return or_dash(row.command); }},
+      {"THREADS", right, [](const ClientRow &row) { return number_text(row.threads); }},
+      {"NOW", left, now_text},
+      {"USER", right, [](const ClientRow &row) { return of_ipd(row, &ClientOfIpd::uid); }},
+      {"MESSAGES", right, [](const ClientRow &row) { return of_ipd(row, &ClientOfIpd::received); }},
+      {"REFUSED", right, [](const ClientRow &row) { return of_ipd(row, &ClientOfIpd::refused); }},
+      {"GROUPS", right, [](const ClientRow &row) { return of_ipd(row, &ClientOfIpd::memberships); }},
+      {"LOANS", right, [](const ClientRow &row) { return of_ipd(row, &ClientOfIpd::loans); }},
+      {"DOWNLOADS", right, [](const ClientRow &row) { return of_ipd(row, &ClientOfIpd::downloads); }},
+      // A name may have blanks inside: the last one.
+      {"REGISTERED", left, registrations_text},
+  }};
+  return columns;
+}
+
+template <>
+std::span<const TextColumn<MessageRow>> text_columns() {
+  static constexpr std::array<TextColumn<MessageRow>, 5> columns{{
+      {"TYPE", right, [](const MessageRow &row) { return row.minor == 0 ? "-" : number_text(row.minor); }},
+      {"DONE", right, [](const MessageRow &row) { return number_text(row.counts[IP_SHOW_DONE]); }},
+      {"REFUSED", right, [](const MessageRow &row) { return number_text(row.refused()); }},
+      {"WHY", left, why_text},
+      {"MESSAGE", left, [](const MessageRow &row) { return or_dash(row.name); }},
   }};
   return columns;
 }

@@ -8,12 +8,12 @@
 #include <string>
 #include <string_view>
 
+#include "control_state.h"
 #include "mtrack/mtrack_writer.h"
 #include "routes.h"
 #include "services.h"
 #include "snapshot.h"
 #include "text_table.h"
-#include "tsp/epochs.h"
 
 namespace ipsh {
 
@@ -36,7 +36,9 @@ std::span<const TextColumn<AddressRow>> text_columns();
 template <>
 std::span<const TextColumn<rsw::MemoryUse>> text_columns();
 template <>
-std::span<const TextColumn<rsw::EpochClient>> text_columns();
+std::span<const TextColumn<ClientRow>> text_columns();
+template <>
+std::span<const TextColumn<MessageRow>> text_columns();
 template <>
 std::span<const TextColumn<RouteRow>> text_columns();
 template <>

@@ -80,10 +80,10 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"shwo", "ipsh: ipsh: there is no 'shwo'; give one of show, query, explain, watch, system"},
         Refusal{"show",
                 "ipsh: ipsh show: a command is missing; give one of contexts, interfaces, addresses, routes, vips, "
-                "groups, router-id, counters, memory, clients, system"},
+                "groups, router-id, counters, memory, clients, messages, system"},
         Refusal{"show adresses",
                 "ipsh: ipsh show: there is no 'adresses'; give one of contexts, interfaces, addresses, routes, "
-                "vips, groups, router-id, counters, memory, clients, system"},
+                "vips, groups, router-id, counters, memory, clients, messages, system"},
         Refusal{"show contexts memory",
                 "ipsh: ipsh show contexts: 'memory' is not accepted here; see ipsh show contexts --help"},
         Refusal{"show contexts --jsn",
@@ -200,7 +200,7 @@ TEST_F(IpshWithoutIpd, TheManPageIsCleanAndNamesEveryExitCodeAndKind) {
        {".It 0",         ".It 1",         ".It 2",          ".It 3",       ".It 4",         "Ql contexts",
         "Ql interfaces", "Ql addresses",  "Ql memory",      "Ql clients",  "Ql system",     "Ql supervisor",
         "Ql query",      "Ql query-list", "Ql watch-start", "Ql event",    "Ql failure",    "Ql routes",
-        "Ql vips",       "Ql groups",     "Ql router-ids",  "Ql counters", "Ql explanation"}) {
+        "Ql vips",       "Ql groups",     "Ql router-ids",  "Ql counters", "Ql explanation", "Ql messages"}) {
     EXPECT_NE(page.str().find(text), std::string::npos) << text;
   }
 }

@@ -29,7 +29,7 @@ TEST_F(IpshWithoutIpd, CompletionOffersTheCommandsOfALevel) {
   EXPECT_EQ(completions({""}), "explain query show system watch ");
   EXPECT_EQ(completions({"s"}), "show system ");
   EXPECT_EQ(completions({"show", ""}),
-            "addresses clients contexts counters groups interfaces memory router-id routes system vips ");
+            "addresses clients contexts counters groups interfaces memory messages router-id routes system vips ");
   EXPECT_EQ(completions({"system", ""}), "active standby ");
 }
 

@@ -48,6 +48,36 @@ TEST_F(IpshWithIpd, TablesShowTheSimulatedSystem) {
   EXPECT_EQ(json::parse(ipsh({"show", "system", "--json"}).out)["ipd_pid"], ipd_.pid());
 }
 
+TEST_F(IpshWithIpd, MessagesAndClientsOfTheControlServiceAreShown) {
+  start_ipd(small_plan);
+  const Outcome first = ipsh({"show", "messages", "--json"});
+  ASSERT_EQ(first.exit_code, 0) << first.err;
+  const json message = json::parse(first.out)["messages"].back();
+  EXPECT_EQ(message["name"], "show messages");
+  EXPECT_EQ(message["done"], 0) << "the question itself is counted when it is answered";
+  EXPECT_EQ(json::parse(ipsh({"show", "messages", "--json"}).out)["messages"].back()["done"], 1);
+  const Outcome clients = ipsh({"show", "clients"});
+  EXPECT_EQ(clients.exit_code, 1) << "ipsh itself is left out";
+  EXPECT_EQ(clients.out, "PID  COMMAND  THREADS  NOW  USER  MESSAGES  REFUSED  GROUPS  LOANS  DOWNLOADS  REGISTERED\n");
+  EXPECT_EQ(clients.err, "");
+}
+
+TEST_F(IpshWithIpd, WithoutItsControlServiceWhoReadsIsStillShown) {
+  start_ipd(small_plan);
+  test_support::Process watcher({IPSH, "watch"});
+  ASSERT_TRUE(test_support::wait_until([&] { return watcher.output().find("watching") != std::string::npos; }));
+  ipd_.kill_now();
+  const Outcome clients = ipsh({"show", "clients", "--json"});
+  EXPECT_EQ(clients.exit_code, 0) << clients.err;
+  const json row = json::parse(clients.out)["clients"].at(0);
+  EXPECT_EQ(row["pid"], watcher.pid());
+  EXPECT_EQ(row["user"], nullptr);
+  EXPECT_EQ(row["registrations"], nullptr);
+  const Outcome messages = ipsh({"show", "messages"});
+  EXPECT_EQ(messages.exit_code, 3);
+  EXPECT_NE(messages.err.find("ipd is not reached"), std::string::npos) << messages.err;
+}
+
 TEST_F(IpshWithIpd, EveryQueryIsAnsweredWhenItsArgumentsAreValid) {
   start_ipd(small_plan);
   const std::map<std::string, std::string> valid{{"address", "10.0.0.1"},   {"address-network-order", "10.0.0.1"},

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Everything that ipsh prints with --json keeps to the schema of its kind.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
 
+#include "ip_api.h"
 #include "ipsh_fixture.h"
 #include "support/process.h"
 
@@ -77,6 +79,25 @@ TEST_F(IpshWithSystem, EventsOfAllKindsAreValid) {
   ASSERT_TRUE(publisher_->commit());
   EXPECT_EQ(watch.wait(), 0) << watch.output();
   EXPECT_EQ(problems(run_directory_.path(), watch.output()), "") << watch.output();
+}
+
+TEST_F(IpshWithoutIpd, WhatTheControlServiceShowsIsValid) {
+  const std::string plan = run_directory_.path() + "/plan.json";
+  std::ofstream(plan) << R"({"contexts": 1, "interfaces": 2, "addresses": 2, "measured_changes": 1})";
+  test_support::Process ipd({IPD, "--foreground", "--simulate", plan});
+  ASSERT_TRUE(test_support::wait_until([&] { return ipd.output().find("live: ") != std::string::npos; }))
+      << ipd.output();
+  test_support::Process client([] {
+    if (ip_register("ospf", ~0u, ~0u, 89, 1, ip_api_init(), 0, 0) != 1) return 1;
+    while (true) pause();
+  });
+  std::string printed;
+  ASSERT_TRUE(test_support::wait_until([&] {
+    printed = ipsh({"show", "clients", "--json"}).out;
+    return printed.find("ospf") != std::string::npos;
+  })) << printed;
+  printed += ipsh({"show", "messages", "--json"}).out;
+  EXPECT_EQ(problems(run_directory_.path(), printed), "") << printed;
 }
 
 TEST_F(IpshWithoutIpd, TheCheckerRefusesWhatTheSchemasDoNotSay) {

@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: Apache-2.0
+// Answers come in pages. A page is looked at no further than it is long, and an entry no further than ipd made it: an
+// ipd of another version may know more of each, or less.
+#include "control_state.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <map>
+
+#include "ip_api.h"
+#include "mts.h"
+#include "sm/run_dir.h"
+#include "tsp/epochs.h"
+
+namespace ipsh {
+namespace {
+
+constexpr uint32_t longest_wait_seconds = 10;
+constexpr size_t most_pages = 10000;  // an end, whatever ipd answers
+
+// A queue of ipsh's own, for the life of this object.
+class AskingQueue {
+ public:
+  AskingQueue() { ip_init_mts(&handle_, -1); }
+  ~AskingQueue() {
+    if (bound()) mts_unbind(handle_, 0);
+  }
+  AskingQueue(const AskingQueue &) = delete;
+  AskingQueue &operator=(const AskingQueue &) = delete;
+  [[nodiscard]] bool bound() const { return handle_ != ~uint32_t{0}; }
+  [[nodiscard]] uint32_t handle() const { return handle_; }
+
+ private:
+  uint32_t handle_ = ~uint32_t{0};
+};
+
+Failure why_not(const std::string &what, int error) {
+  const bool denied = error == EACCES || error == EPERM;
+  return {denied ? ExitCode::permission : ExitCode::unavailable, fmt::format("{}: {}", what, std::strerror(error)),
+          denied ? "run ipsh as a user who may use the run directory" : "start ipd, or look at its log"};
+}
+
+bool receive(uint32_t queue, uint32_t token, std::vector<std::byte> *answer, Failure *failure) {
+  mts_recv_opts options{};
+  options.w[0] = 1;
+  options.w[2] = longest_wait_seconds;
+  options.w[3] = token;
+  mts_msg_ref_t received = nullptr;
+  int32_t status = mts_recv(queue, &received, &options);
+  while (status != 0 && errno == EINTR) status = mts_recv(queue, &received, &options);
+  if (status != 0) {
+    *failure = why_not("ipd does not answer", errno);
+    return false;
+  }
+  const bool rejected = mts_is_reject(received) == 1;
+  if (!rejected) {
+    const auto *payload = static_cast<const std::byte *>(mts_payload_get(received));
+    answer->assign(payload, payload + (payload == nullptr ? 0 : mts_payload_size(received)));
+  }
+  mts_drop(queue, received);
+  if (!rejected) return true;
+  *failure = {ExitCode::permission, "ipd does not tell this user",
+              "the read_group of ipd's configuration says who may ask, see ipd.conf(5)"};
+  return false;
+}
+
+bool ask(uint32_t queue, uint16_t minor, uint32_t after, std::vector<std::byte> *answer, Failure *failure) {
+  ip_msg_show question{};
+  question.header.major_type = IP_MAJOR_CLIENT;
+  question.header.minor_type = minor;
+  question.header.pid = static_cast<uint32_t>(getpid());
+  question.after = after;
+  mts_msg_ref_t sent = nullptr;
+  if (mts_send(queue, IP_NODE_LOCAL, IP_SAP_CONTROL, IP_OPCODE_CLIENT, &question, sizeof question, &sent, 0, nullptr) !=
+      0) {
+    *failure = why_not("ipd is not reached", errno);
+    return false;
+  }
+  const uint32_t token = mts_rr_token_get(sent);
+  mts_drop(queue, sent);
+  return receive(queue, token, answer, failure);
+}
+
+// Adds the entries of a page; what an entry does not have stays zero. False: it makes no sense.
+template <class Entry>
+bool take_page(const std::vector<std::byte> &answer, std::vector<Entry> *entries, bool *more) {
+  ip_msg_show_reply reply{};
+  if (answer.size() < sizeof reply) return false;
+  std::memcpy(&reply, answer.data(), sizeof reply);
+  const uint64_t size = reply.entry_size;
+  if (size == 0 || answer.size() - sizeof reply < size * reply.count) return false;
+  for (uint32_t i = 0; i < reply.count; ++i) {
+    Entry entry{};
+    std::memcpy(&entry, answer.data() + sizeof reply + i * size, std::min<size_t>(size, sizeof entry));
+    entries->push_back(entry);
+  }
+  *more = reply.more != 0 && reply.count != 0;
+  return true;
+}
+
+// Every entry begins with the word that the next page continues behind.
+template <class Entry>
+std::optional<std::vector<Entry>> read_all(uint32_t queue, uint16_t minor, Failure *failure) {
+  std::vector<Entry> entries;
+  bool more = true;
+  for (size_t page = 0; more && page < most_pages; ++page) {
+    uint32_t after = 0;
+    if (!entries.empty()) std::memcpy(&after, &entries.back(), sizeof after);
+    std::vector<std::byte> answer;
+    if (!ask(queue, minor, after, &answer, failure)) return std::nullopt;
+    if (!take_page(answer, &entries, &more)) {
+      *failure = {ExitCode::unavailable, "ipd's answer makes no sense", "use an ipsh of the same version"};
+      return std::nullopt;
+    }
+  }
+  return entries;
+}
+
+template <size_t Size>
+std::string text_of(const char (&field)[Size]) {
+  return {field, strnlen(field, Size)};
+}
+
+std::string command_of(int32_t pid) {
+  std::string name;
+  std::getline(std::ifstream(fmt::format("/proc/{}/comm", pid)), name);
+  return name;
+}
+
+RegistrationRow row_of(const ip_show_registration &entry) {
+  return {.name = text_of(entry.name),
+          .key = entry.reg_key,
+          .mode = entry.reg_mode,
+          .arg1 = entry.reg_arg1,
+          .arg2 = entry.reg_arg2,
+          .data_sap = entry.data_sap,
+          .flags = entry.flags,
+          .receive_function = text_of(entry.recv_fn)};
+}
+
+ClientOfIpd client_of(const ip_show_client &entry) {
+  return {.uid = entry.uid,
+          .received = entry.received,
+          .refused = entry.refused,
+          .registrations = {},
+          .memberships = entry.memberships,
+          .loans = entry.loans,
+          .downloads = entry.downloads,
+          .link_local_reports = entry.link_local_reports,
+          .link_local_ref = entry.link_local_ref,
+          .link_local_value = entry.link_local_value};
+}
+
+using ClientsByPid = std::map<int32_t, ClientRow>;
+
+bool add_clients_of_ipd(ClientsByPid *rows, Failure *failure) {
+  const AskingQueue queue;
+  if (!queue.bound()) {
+    *failure = why_not(fmt::format("no message queue in {}", rsw::run_directory()), errno);
+    return false;
+  }
+  const auto clients = read_all<ip_show_client>(queue.handle(), IP_MSG_SHOW_CLIENTS, failure);
+  if (!clients) return false;
+  const auto registrations = read_all<ip_show_registration>(queue.handle(), IP_MSG_SHOW_REGISTRATIONS, failure);
+  if (!registrations) return false;
+  for (const ip_show_client &entry : *clients) {
+    const auto pid = static_cast<int32_t>(entry.pid);
+    (*rows)[pid].of_ipd = client_of(entry);
+  }
+  for (const ip_show_registration &entry : *registrations) {
+    const auto row = rows->find(static_cast<int32_t>(entry.pid));
+    if (row != rows->end() && row->second.of_ipd) row->second.of_ipd->registrations.push_back(row_of(entry));
+  }
+  return true;
+}
+
+constexpr std::array<const char *, IP_SHOW_OUTCOMES> outcome_names{
+    "done",         "too-short",   "too-long",   "wrong-major",    "unknown", "wrong-opcode", "bad-field",
+    "no-interface", "not-allowed", "name-taken", "not-registered", "limit",   "kernel",       "no-answer"};
+
+}  // namespace
+
+uint64_t MessageRow::refused() const {
+  uint64_t sum = 0;
+  for (size_t i = IP_SHOW_DONE + 1; i < counts.size(); ++i) sum += counts[i];
+  return sum;
+}
+
+const char *outcome_name(size_t outcome) {
+  return outcome_names.at(outcome);
+}
+
+std::vector<ClientRow> read_clients(Failure *failure) {
+  ClientsByPid rows;
+  for (const rsw::EpochClient &reader : rsw::epoch_clients()) {
+    ClientRow &row = rows[reader.pid];
+    row.command = reader.command;
+    row.threads = reader.threads;
+    row.in_query = reader.inside;
+  }
+  add_clients_of_ipd(&rows, failure);
+  rows.erase(getpid());
+  std::vector<ClientRow> sorted;
+  for (auto &[pid, row] : rows) {
+    row.pid = pid;
+    if (row.command.empty()) row.command = command_of(pid);
+    sorted.push_back(std::move(row));
+  }
+  return sorted;
+}
+
+std::optional<std::vector<MessageRow>> read_messages(Failure *failure) {
+  const AskingQueue queue;
+  if (!queue.bound()) {
+    *failure = why_not(fmt::format("no message queue in {}", rsw::run_directory()), errno);
+    return std::nullopt;
+  }
+  const auto entries = read_all<ip_show_message>(queue.handle(), IP_MSG_SHOW_MESSAGES, failure);
+  if (!entries) return std::nullopt;
+  std::vector<MessageRow> rows;
+  for (const ip_show_message &entry : *entries) {
+    MessageRow row{.minor = entry.minor, .name = text_of(entry.name)};
+    for (size_t i = 0; i < row.counts.size(); ++i) {
+      row.counts[i] = entry.counts[i][0] | (uint64_t{entry.counts[i][1]} << 32);
+    }
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+}  // namespace ipsh
