@@ -9,9 +9,11 @@ ControlHandlers::ControlHandlers(State &state, const Publisher &publisher, contr
                                  std::function<bool()> share_load)
     : box_(state, publisher),
       address_requests_(kernel::AddressRequests::over_rtnetlink()),
+      membership_sockets_(kernel::MembershipSockets::make()),
       counters_(kernel::InterfaceCounters::over_rtnetlink()),
       addresses_(box_, *address_requests_, transport),
       loans_(box_),
+      memberships_(box_, *membership_sockets_),
       redirects_(box_, redirect_settings_),
       load_share_(std::move(share_load)),
       downloads_(box_, transport, control::encode_if_info),
@@ -20,6 +22,7 @@ ControlHandlers::ControlHandlers(State &state, const Publisher &publisher, contr
 void ControlHandlers::add_to(control::Service &service) {
   service.add(addresses_, {IP_MSG_CONFIG_ADDRESS});
   service.add(loans_, {IP_MSG_SET_UNNUMBERED, IP_MSG_UNSET_UNNUMBERED, IP_MSG_UNNUMBERED_PSS_CLEANUP});
+  service.add(memberships_, {IP_MSG_JOIN_GROUP, IP_MSG_LEAVE_GROUP});
   service.add(redirects_, {IP_MSG_REDIRECT_DISABLE});
   service.add(load_share_, {IP_MSG_LOAD_SHARE_CFG});
   service.add(downloads_, {IP_MSG_DOWNLOAD_IF_INFO});

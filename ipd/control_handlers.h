@@ -11,12 +11,14 @@
 #include "ipd/control/live_box.h"
 #include "ipd/control/load_share.h"
 #include "ipd/control/loans.h"
+#include "ipd/control/memberships.h"
 #include "ipd/control/redirects.h"
 #include "ipd/control/service.h"
 #include "ipd/control/statistics.h"
 #include "ipd/control/transport.h"
 #include "ipd/kernel/address_requests.h"
 #include "ipd/kernel/interface_counters.h"
+#include "ipd/kernel/membership_sockets.h"
 #include "ipd/kernel/redirects.h"
 
 namespace ipd {
@@ -33,10 +35,12 @@ class ControlHandlers {
  private:
   control::LiveBox box_;
   std::unique_ptr<kernel::AddressRequests> address_requests_;
+  std::unique_ptr<kernel::MembershipSockets> membership_sockets_;
   kernel::RedirectSettings redirect_settings_;
   std::unique_ptr<kernel::InterfaceCounters> counters_;
   control::Addresses addresses_;
   control::Loans loans_;
+  control::Memberships memberships_;
   control::Redirects redirects_;
   control::LoadShare load_share_;
   control::Downloads downloads_;

@@ -124,7 +124,7 @@ const char *refusal_text(Refusal refusal) {
     case Refusal::name_taken:
       return "another process has that registration";
     case Refusal::not_registered:
-      return "no such registration";
+      return "no such registration, or nothing like that is held";
     case Refusal::limit:
       return "more than one process may hold";
     case Refusal::kernel:

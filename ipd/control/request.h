@@ -27,7 +27,7 @@ enum class Refusal : uint8_t {
   no_interface,    // no such interface
   not_allowed,     // the sender lacks the right
   name_taken,      // a live process has that registration
-  not_registered,  // there is no such registration
+  not_registered,  // there is no such registration, or nothing like that is held
   limit,           // more than one process may hold
   kernel,          // the kernel refused
   no_answer,       // the answer could not be delivered

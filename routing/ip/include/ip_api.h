@@ -233,7 +233,7 @@ int32_t ip_deregister(const char *name, uint8_t reg_key, struct ip_client *clien
 // Requests without a reply, from the client's control queue. All of them: Threads: any. Blocks: as mts_send.
 // Results: 1 sent; 0 not: an argument is refused (iod 0, no group or a group where a source belongs), or no queue.
 
-// Multicast on the interface as a whole.
+// Multicast on the interface as a whole: while a process has it on, every group arrives and IFF_MULTICAST is set.
 uint32_t ip_enable_multicast(uint32_t iod);
 uint32_t ip_disable_multicast(uint32_t iod);
 
