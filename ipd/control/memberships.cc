@@ -265,6 +265,10 @@ size_t Memberships::held_by(int32_t pid) const {
   return held == held_.end() ? 0 : held->second;
 }
 
+void Memberships::add_holdings(int32_t pid, Holdings &held) const {
+  held.memberships += static_cast<uint32_t>(held_by(pid));
+}
+
 // Often enough to be seen, not as often as it happens.
 void Memberships::say(const char *what, const Interface &interface, const Subject &subject, int error) {
   if (++failures_ > 10 && failures_ % 1000 != 0) return;

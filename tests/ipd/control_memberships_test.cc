@@ -11,6 +11,10 @@ TEST_F(MembershipsTest, AJoinReachesTheKernelAndALeaveUndoesIt) {
   EXPECT_EQ(join(ospf, group), Refusal::none);
   EXPECT_EQ(kernel_.joined, (Joined{{ifindex, group, 0}}));
   EXPECT_EQ(memberships_.held_by(ospf), 1u);
+  ipd::control::Holdings held;
+  memberships_.add_holdings(ospf, held);
+  memberships_.add_holdings(pim, held);
+  EXPECT_EQ(held.memberships, 1u);
   EXPECT_EQ(leave(ospf, group), Refusal::none);
   EXPECT_EQ(kernel_.joined, Joined{});
   EXPECT_EQ(memberships_.held_by(ospf), 0u);
