@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The calls of the TLV library on the two tables: which call with which arguments, what is answered, and how an error
 // is shown. Each behaviour holds for the whole message's function and for the entry's.
+#include <ostream>
+
+#include "tlvu.h"
 #include "unit/library_test.h"
 
 namespace unit {
@@ -16,6 +19,9 @@ struct Accessors {
   decltype(&ip_if_info_msg_get_struct_sz) get_struct_sz;
   decltype(&ip_if_info_msg_to_tlv) to_tlv;
   decltype(&ip_if_info_msg_to_struct) to_struct;
+
+  // Else the test runner would print where the functions lie, which is another place in each run.
+  friend void PrintTo(const Accessors &of, std::ostream *out) { *out << of.name; }
 };
 
 #define ACCESSORS(record)                                                                                              \
@@ -34,7 +40,10 @@ class TlvAccessor : public LibraryTest, public testing::WithParamInterface<Acces
     platform().log.name(&iterator, "iterator");
     platform().log.name(&field, "field");
   }
-  ~TlvAccessor() override { EXPECT_FALSE(platform().tlv.freed_unknown); }
+  ~TlvAccessor() override {
+    while (!platform().tlv.buffers.empty()) tlvu_free(*platform().tlv.buffers.begin(), 0);
+    EXPECT_FALSE(platform().tlv.freed_unknown);
+  }
 
   static const Accessors &call() { return GetParam(); }
   static std::string table() { return GetParam().name + "_tbl"; }
