@@ -111,7 +111,7 @@ void Downloads::tell_all() {
   std::vector<Key> keys;
   keys.reserve(receivers_.size());
   for (const auto &each : receivers_) keys.push_back(each.first);
-  std::ranges::rotate(keys, std::ranges::upper_bound(keys, served_));
+  std::rotate(keys.begin(), std::upper_bound(keys.begin(), keys.end(), served_), keys.end());
   for (const Key &key : keys) {
     if (budget < message_cost) break;
     const auto at = receivers_.find(key);
@@ -125,6 +125,11 @@ void Downloads::tell_all() {
 
 void Downloads::process_gone(int32_t pid) {
   end_if([pid](const auto &each) { return each.second.pid == pid; });
+}
+
+void Downloads::add_holdings(int32_t pid, Holdings &held) const {
+  const auto count = std::ranges::count_if(receivers_, [pid](const auto &each) { return each.second.pid == pid; });
+  held.downloads += static_cast<uint32_t>(count);
 }
 
 void Downloads::queue_gone(const Sender &sender) {

@@ -34,6 +34,7 @@ class Downloads final : public Handler {
 
   Refusal handle(const Request &request) override;
   void process_gone(int32_t pid) override;
+  void add_holdings(int32_t pid, Holdings &held) const override;
   void queue_gone(const Sender &sender) override;
   void interfaces_changed(const std::set<uint32_t> &ifindexes) override;
   void tick(Clock::time_point now) override;

@@ -170,6 +170,17 @@ TEST_F(ControlRegistrationTest, TheNextIpdServesTheSameClients) {
   EXPECT_EQ(holder_of("pim"), getpid());
 }
 
+TEST_F(ControlRegistrationTest, WhenAnotherHasItsSapIpdPublishesAllTheSame) {
+  ip("addr add 10.0.0.1/32 dev lo");
+  uint32_t queue = no_queue;
+  ASSERT_EQ(ip_init_mts(&queue, IP_SAP_CONTROL), 1u);
+  queues_.push_back(queue);
+  start_ipd();
+  EXPECT_TRUE(ipd_said("no requests are served: SAP 263 cannot be bound: Address already in use")) << ipd_.output();
+  attach();
+  EXPECT_NE(ip_get_iod_for_local_address("default", 0x0a000001), 0u);
+}
+
 TEST_F(ControlRegistrationTest, ASimulatedSystemHasClientsToo) {
   write_configuration(R"({"contexts": 1, "interfaces": 2, "addresses": 2, "measured_changes": 1})");
   start_ipd({"--simulate", configuration_file()});
