@@ -77,13 +77,8 @@ uint32_t Addresses::overlapping(const InterfaceFacts &facts, uint32_t addr, uint
     if (wait.answer || wait.iod == facts.iod || wait.context_id != facts.state.context_id) continue;
     if (share(wait.addr, wait.mask_len, addr, mask_len)) return wait.iod;
   }
-  for (const uint32_t iod : box_.iods()) {
-    if (iod == facts.iod) continue;
-    const auto other = box_.interface(iod);
-    if (!other || other->state.context_id != facts.state.context_id) continue;
-    for (const AddressState &address : other->addresses) {
-      if (share(address.addr, address.mask_len, addr, mask_len)) return iod;
-    }
+  for (const auto &[iod, address] : box_.addresses_of_context(facts.state.context_id)) {
+    if (iod != facts.iod && share(address.addr, address.mask_len, addr, mask_len)) return iod;
   }
   return 0;
 }

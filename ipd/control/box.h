@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "ipd/config.h"
@@ -28,6 +29,16 @@ class Box {
   [[nodiscard]] virtual std::optional<InterfaceFacts> interface_by_ifindex(uint32_t ifindex) const = 0;
   // All interfaces, ascending.
   [[nodiscard]] virtual std::vector<uint32_t> iods() const = 0;
+  // The addresses of all interfaces of a context, with their iods, in any order.
+  [[nodiscard]] virtual std::vector<std::pair<uint32_t, AddressState>> addresses_of_context(uint32_t id) const {
+    std::vector<std::pair<uint32_t, AddressState>> list;
+    for (const uint32_t iod : iods()) {
+      const auto facts = interface(iod);
+      if (!facts || facts->state.context_id != id) continue;
+      for (const AddressState &address : facts->addresses) list.emplace_back(iod, address);
+    }
+    return list;
+  }
   // Loans that clients asked for; all of them, each time. Where the configuration says something about the same
   // borrower, the configuration holds.
   virtual void lend(const std::vector<UnnumberedRule> &loans) = 0;

@@ -16,6 +16,9 @@ class LiveBox final : public Box {
   [[nodiscard]] std::optional<InterfaceFacts> interface(uint32_t iod) const override;
   [[nodiscard]] std::optional<InterfaceFacts> interface_by_ifindex(uint32_t ifindex) const override;
   [[nodiscard]] std::vector<uint32_t> iods() const override { return state_.iods(); }
+  [[nodiscard]] std::vector<std::pair<uint32_t, AddressState>> addresses_of_context(uint32_t id) const override {
+    return state_.addresses_of_context(id);
+  }
   void lend(const std::vector<UnnumberedRule> &loans) override { state_.lend(loans); }
 
  private:

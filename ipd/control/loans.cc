@@ -3,8 +3,8 @@
 // when that process is gone, when the borrower is, or when anybody who may configure says so; it rests while the lender
 // is not there, and while the configuration says something about the same borrower.
 //
-// The box knows loans by names. A borrower that is renamed keeps its loan, so its name is looked up anew whenever an
-// interface changed; the lender is the interface that has that name, whichever it is.
+// The box knows loans by names. A borrower that is renamed keeps its loan, so its name is looked up anew when it
+// changed; the lender is the interface that has that name, whichever it is.
 #include "ipd/control/loans.h"
 
 #include <algorithm>
@@ -36,16 +36,25 @@ Refusal Loans::set(const Request &request) {
   if (!borrower) return Refusal::no_interface;
   const std::string lender(asked.lender, length);
   if (lender == borrower->state.name) return Refusal::bad_field;
-  loans_[asked.iod] = {.pid = request.sender.pid, .lender = lender};
-  tell();
+  const Loan loan{.pid = request.sender.pid,
+                  .ifindex = borrower->state.ifindex,
+                  .borrower = borrower->state.name,
+                  .lender = lender};
+  const auto [known, is_new] = loans_.try_emplace(asked.iod, loan);
+  if (!is_new && known->second.lender == lender) {
+    known->second.pid = loan.pid;
+    return Refusal::none;
+  }
+  known->second = loan;
+  by_ifindex_[loan.ifindex] = asked.iod;
+  changed();
   return Refusal::none;
 }
 
 Refusal Loans::unset(const Request &request) {
   const uint32_t iod = request.as<ip_msg_unnumbered>().iod;
   if (!box_.interface(iod)) return Refusal::no_interface;
-  loans_.erase(iod);
-  tell();
+  if (forget(iod)) changed();
   return Refusal::none;
 }
 
@@ -53,34 +62,63 @@ Refusal Loans::unset(const Request &request) {
 Refusal Loans::clean_up(const Request &request) {
   const auto iods = listed_interfaces(request);
   if (!iods) return Refusal::bad_field;
-  for (const uint32_t iod : *iods) loans_.erase(iod);
-  tell();
+  bool any = false;
+  for (const uint32_t iod : *iods) any |= forget(iod);
+  if (any) changed();
   return Refusal::none;
 }
 
+bool Loans::forget(uint32_t iod) {
+  const auto loan = loans_.find(iod);
+  if (loan == loans_.end()) return false;
+  by_ifindex_.erase(loan->second.ifindex);
+  loans_.erase(loan);
+  return true;
+}
+
 void Loans::process_gone(int32_t pid) {
-  std::erase_if(loans_, [pid](const auto &loan) { return loan.second.pid == pid; });
-  tell();
-}
-
-void Loans::interfaces_changed(const std::set<uint32_t> & /*ifindexes*/) {
-  if (!loans_.empty()) tell();
-}
-
-// What the box is told makes it call interfaces_changed(), which then finds nothing new to tell.
-void Loans::tell() {
-  std::vector<UnnumberedRule> rules;
-  for (auto loan = loans_.begin(); loan != loans_.end();) {
-    const auto borrower = box_.interface(loan->first);
-    if (!borrower) {
-      loan = loans_.erase(loan);
-      continue;
-    }
-    rules.push_back({.interface = borrower->state.name, .source = loan->second.lender});
-    ++loan;
+  std::vector<uint32_t> held;
+  for (const auto &[iod, loan] : loans_) {
+    if (loan.pid == pid) held.push_back(iod);
   }
-  if (rules == told_) return;
-  told_ = rules;
+  for (const uint32_t iod : held) forget(iod);
+  if (!held.empty()) changed();
+}
+
+void Loans::interfaces_changed(const std::set<uint32_t> &ifindexes) {
+  bool any = false;
+  for (const uint32_t ifindex : ifindexes) {
+    const auto known = by_ifindex_.find(ifindex);
+    if (known == by_ifindex_.end()) continue;
+    const uint32_t iod = known->second;
+    const auto borrower = box_.interface(iod);
+    Loan &loan = loans_.at(iod);
+    if (borrower && borrower->state.name == loan.borrower) continue;
+    any = true;
+    if (borrower) {
+      loan.borrower = borrower->state.name;
+    } else {
+      forget(iod);
+    }
+  }
+  if (any) changed();
+}
+
+void Loans::tick(Clock::time_point /*now*/) {
+  if (!told_) tell();
+}
+
+void Loans::changed() {
+  told_ = false;
+  if (loans_.size() <= few) tell();
+}
+
+// The box then calls interfaces_changed(), which finds nothing that is new here.
+void Loans::tell() {
+  told_ = true;
+  std::vector<UnnumberedRule> rules;
+  rules.reserve(loans_.size());
+  for (const auto &[iod, loan] : loans_) rules.push_back({.interface = loan.borrower, .source = loan.lender});
   box_.lend(rules);
 }
 

@@ -23,20 +23,29 @@ class Loans final : public Handler {
   void process_gone(int32_t pid) override;
   void add_holdings(int32_t pid, Holdings &held) const override;
   void interfaces_changed(const std::set<uint32_t> &ifindexes) override;
+  void tick(Clock::time_point now) override;
+
+  // So many are told to the box at once; more wait for the next tick, so that a flood of requests costs one look at
+  // all.
+  static constexpr size_t few = 64;
 
  private:
   struct Loan {
     int32_t pid = 0;  // of whoever asked last
-    std::string lender;
+    uint32_t ifindex = 0;
+    std::string borrower, lender;
   };
   Refusal set(const Request &request);
   Refusal unset(const Request &request);
   Refusal clean_up(const Request &request);
+  bool forget(uint32_t iod);
+  void changed();
   void tell();
 
   Box &box_;
-  std::map<uint32_t, Loan> loans_;  // by the borrower's iod
-  std::vector<UnnumberedRule> told_;
+  std::map<uint32_t, Loan> loans_;           // by the borrower's iod
+  std::map<uint32_t, uint32_t> by_ifindex_;  // of loans_
+  bool told_ = true;
 };
 
 }  // namespace ipd::control

@@ -50,34 +50,51 @@ std::map<uint32_t, State::Loan> State::wanted_loans() const {
   return want;
 }
 
+void State::note_loan(uint32_t borrower, const Loan &loan) {
+  forget_loan(borrower);
+  loans_[borrower] = loan;
+  borrowers_[loan.source_ifindex].insert(borrower);
+}
+
+void State::forget_loan(uint32_t borrower) {
+  const auto loan = loans_.find(borrower);
+  if (loan == loans_.end()) return;
+  const auto of_lender = borrowers_.find(loan->second.source_ifindex);
+  of_lender->second.erase(borrower);
+  if (of_lender->second.empty()) borrowers_.erase(of_lender);
+  loans_.erase(loan);
+}
+
 void State::apply_unnumbered(std::set<uint32_t> &touched) {
   const std::map<uint32_t, Loan> want = wanted_loans();
-  for (auto told = loans_.begin(); told != loans_.end();) {
-    if (!want.contains(told->first) &&
-        accepted(publisher_.set_unnumbered(told->first, 0, ""), "end the loan to", std::to_string(told->first))) {
-      touched.insert(told->first);
-      told = loans_.erase(told);
-    } else {
-      ++told;
-    }
+  std::vector<uint32_t> unwanted;
+  for (const auto &[borrower, loan] : loans_) {
+    if (!want.contains(borrower)) unwanted.push_back(borrower);
+  }
+  for (const uint32_t borrower : unwanted) {
+    if (!accepted(publisher_.set_unnumbered(borrower, 0, ""), "end the loan to", std::to_string(borrower))) continue;
+    forget_loan(borrower);
+    touched.insert(borrower);
   }
   for (const auto &[borrower, loan] : want) {
     const auto told = loans_.find(borrower);
     if (told != loans_.end() && told->second == loan) continue;
     if (accepted(publisher_.set_unnumbered(borrower, loan.source_ifindex, loan.source_name), "lend the address of",
                  loan.source_name)) {
-      loans_[borrower] = loan;
+      note_loan(borrower, loan);
       touched.insert(borrower);
     }
   }
 }
 
 void State::add_borrowers(std::set<uint32_t> &touched) const {
-  std::vector<uint32_t> borrowers;
-  for (const auto &[borrower, loan] : loans_) {
-    if (touched.contains(loan.source_ifindex)) borrowers.push_back(borrower);
+  if (borrowers_.empty()) return;
+  std::set<uint32_t> borrowers;
+  for (const uint32_t lender : touched) {
+    const auto of_lender = borrowers_.find(lender);
+    if (of_lender != borrowers_.end()) borrowers.insert(of_lender->second.begin(), of_lender->second.end());
   }
-  touched.insert(borrowers.begin(), borrowers.end());
+  touched.merge(borrowers);
 }
 
 void State::lend(std::vector<UnnumberedRule> loans) {

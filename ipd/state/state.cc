@@ -169,17 +169,15 @@ std::optional<InterfaceState> State::wanted(const Picture &picture, uint32_t ifi
 void State::remove_interface(uint32_t ifindex) {
   const auto told = interfaces_.find(ifindex);
   if (told == interfaces_.end()) return;
-  for (auto loan = loans_.begin(); loan != loans_.end();) {
-    if (loan->second.source_ifindex == ifindex) {
-      accepted(publisher_.set_unnumbered(loan->first, 0, ""), "end the loan to", std::to_string(loan->first));
-      loan = loans_.erase(loan);
-    } else {
-      ++loan;
+  if (const auto lent = borrowers_.find(ifindex); lent != borrowers_.end()) {
+    for (const uint32_t borrower : std::set<uint32_t>(lent->second)) {
+      accepted(publisher_.set_unnumbered(borrower, 0, ""), "end the loan to", std::to_string(borrower));
+      forget_loan(borrower);
     }
   }
   if (!accepted(publisher_.remove_interface(ifindex), "remove interface", told->second.state.name)) return;
   log_line(LOG_INFO, "interface %s is gone", told->second.state.name.c_str());
-  loans_.erase(ifindex);
+  forget_loan(ifindex);
   std::erase_if(vips_, [ifindex](const auto &vip) { return vip.first == ifindex; });
   if (const auto name = by_name_.find(told->second.state.name); name != by_name_.end() && name->second == ifindex) {
     by_name_.erase(name);
@@ -307,6 +305,15 @@ std::vector<AddressState> State::addresses(uint32_t ifindex) const {
   for (const auto &[id, address] : told->second.addresses) by_place.emplace(address.place, address.state);
   std::vector<AddressState> list;
   for (const auto &[place, address] : by_place) list.push_back(address);
+  return list;
+}
+
+std::vector<std::pair<uint32_t, AddressState>> State::addresses_of_context(uint32_t id) const {
+  std::vector<std::pair<uint32_t, AddressState>> list;
+  for (const auto &[ifindex, told] : interfaces_) {
+    if (told.state.context_id != id) continue;
+    for (const auto &[prefix, address] : told.addresses) list.emplace_back(told.iod, address.state);
+  }
   return list;
 }
 

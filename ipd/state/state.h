@@ -47,6 +47,8 @@ class State {
   // What is published, by ifindex. Null, 0, nothing: there is no such interface, or no loan.
   [[nodiscard]] const InterfaceState *interface(uint32_t ifindex) const;
   [[nodiscard]] std::vector<AddressState> addresses(uint32_t ifindex) const;  // as readers see them, the primary first
+  // Of all interfaces of a context, with their iods.
+  [[nodiscard]] std::vector<std::pair<uint32_t, AddressState>> addresses_of_context(uint32_t id) const;
   [[nodiscard]] uint32_t lender(uint32_t ifindex) const;
   [[nodiscard]] uint32_t ifindex_of(uint32_t iod) const;
   [[nodiscard]] std::vector<uint32_t> iods() const;  // ascending
@@ -87,6 +89,8 @@ class State {
   void apply_vips();
   [[nodiscard]] std::map<uint32_t, Loan> wanted_loans() const;
   void apply_unnumbered(std::set<uint32_t> &touched);
+  void note_loan(uint32_t borrower, const Loan &loan);
+  void forget_loan(uint32_t borrower);
   void add_borrowers(std::set<uint32_t> &touched) const;
   void commit(const std::set<uint32_t> &touched);
   bool tell_address(uint32_t ifindex, Told &told, const AddressState &address, const kernel::AddressPlace &place);
@@ -101,14 +105,15 @@ class State {
   ContextPlan plan_;
   std::set<std::string> remarked_;
 
-  std::map<uint32_t, ContextState> contexts_;     // told, by id
-  std::map<uint32_t, Told> interfaces_;           // told, by ifindex
-  std::map<std::string, uint32_t> by_name_;       // of interfaces_
-  std::map<uint32_t, uint32_t> by_iod_;           // of interfaces_
-  std::set<std::pair<uint32_t, uint32_t>> vips_;  // told: ifindex, addr
-  std::map<uint32_t, Loan> loans_;                // told, by the borrower's ifindex
-  std::vector<UnnumberedRule> asked_loans_;       // by lend()
-  bool names_changed_ = true;                     // an interface came, went or was renamed
+  std::map<uint32_t, ContextState> contexts_;         // told, by id
+  std::map<uint32_t, Told> interfaces_;               // told, by ifindex
+  std::map<std::string, uint32_t> by_name_;           // of interfaces_
+  std::map<uint32_t, uint32_t> by_iod_;               // of interfaces_
+  std::set<std::pair<uint32_t, uint32_t>> vips_;      // told: ifindex, addr
+  std::map<uint32_t, Loan> loans_;                    // told, by the borrower's ifindex
+  std::map<uint32_t, std::set<uint32_t>> borrowers_;  // of loans_, by the lender's ifindex
+  std::vector<UnnumberedRule> asked_loans_;           // by lend()
+  bool names_changed_ = true;                         // an interface came, went or was renamed
   uint64_t surroundings_version_ = 1;
   std::function<void(const std::set<uint32_t> &)> before_commit_;
   std::function<void(const std::set<uint32_t> &)> after_commit_;

@@ -99,6 +99,25 @@ TEST_F(LiveBoxTest, AnInterfaceThatWentIsNotFoundUnderItsOldNumber) {
   EXPECT_EQ(box.iods(), std::vector<uint32_t>{iod(7)});
 }
 
+TEST_F(LiveBoxTest, TheAddressesOfAContextAreThoseOfItsInterfaces) {
+  configure(R"({"contexts": [{"name": "red", "id": 7, "table": 100, "interfaces": ["eth1"]}]})");
+  for (uint32_t i = 0; i < 3; ++i) picture.link(link(2 + i, "eth" + std::to_string(i)));
+  picture.address(address(2, a1));
+  picture.address(address(2, a2, true));
+  picture.address(address(3, a1));
+  picture.address(address(4, b1));
+  update();
+  const auto found_in = [this](uint32_t context) {
+    std::set<std::pair<uint32_t, uint32_t>> found;
+    for (const auto &[iod, address] : box.addresses_of_context(context)) found.emplace(iod, address.addr);
+    return found;
+  };
+  using Found = std::set<std::pair<uint32_t, uint32_t>>;
+  EXPECT_EQ(found_in(1), (Found{{iod(2), a1}, {iod(2), a2}, {iod(4), b1}}));
+  EXPECT_EQ(found_in(7), (Found{{iod(3), a1}}));
+  EXPECT_EQ(found_in(8), Found{});
+}
+
 TEST_F(LiveBoxTest, ALoanIsPublishedAtOnce) {
   picture.link(link(1, "lo"));
   picture.link(link(5, "tun0"));

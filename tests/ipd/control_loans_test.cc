@@ -176,6 +176,22 @@ TEST_F(ControlLoansTest, ACleanUpOfMoreThanTheMessageHoldsIsRefusedAndEndsNothin
   EXPECT_EQ(lent().size(), 1u);
 }
 
+TEST_F(ControlLoansTest, ManyLoansAreToldTogetherAtTheNextTick) {
+  constexpr uint32_t many = Loans::few + 100;
+  for (uint32_t i = 0; i < many; ++i) {
+    box.add(1000 + i, 1000 + i, "sub" + std::to_string(i));
+    ASSERT_EQ(set(1000 + i, "eth0"), Refusal::none);
+  }
+  EXPECT_EQ(box.loans.size(), Loans::few);
+  loans.tick({});
+  EXPECT_EQ(box.loans.size(), Loans::few + 1);
+  EXPECT_EQ(lent().size(), many);
+  loans.tick({});
+  EXPECT_EQ(box.loans.size(), Loans::few + 1) << "nothing is new";
+  loans.process_gone(100);
+  EXPECT_EQ(lent(), Rules{});
+}
+
 TEST_F(ControlLoansTest, AnotherMessageIsNotIts) {
   EXPECT_EQ(ask(IP_MSG_JOIN_GROUP, tun0, "eth0", 100), Refusal::unknown_minor);
   EXPECT_TRUE(box.loans.empty());
