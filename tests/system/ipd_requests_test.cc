@@ -10,9 +10,11 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <optional>
 
 #include "im.h"
 #include "ip_api.h"
+#include "ip_show.h"
 #include "ipd_fixture.h"
 #include "mts.h"
 
@@ -71,6 +73,14 @@ class IpdRequestsTest : public IpdTest {
     start_ipd(arguments);
     become_client();
   }
+  // An ipd of the same user that may change nothing in the kernel.
+  void begin_without_privilege() {
+    std::vector<std::string> command{"/usr/bin/setpriv", "--bounding-set=-net_admin"};
+    for (const std::string &word : ipd_test::ipd_command({"--foreground"})) command.push_back(word);
+    ipd_ = Process(command);
+    ASSERT_TRUE(wait_until([this] { return ipd_said("live:") || !ipd_.running(); }, long_enough));
+    become_client();
+  }
   void become_client() {
     attach();
     queue_ = bind_control_queue();
@@ -110,6 +120,41 @@ class IpdRequestsTest : public IpdTest {
     std::string text;
     file >> text;
     return text;
+  }
+  // The entry of an answer of ipd to the question what it has of that kind, whose word at `offset` is `value`.
+  template <class Entry>
+  std::optional<Entry> shown(uint16_t minor, size_t offset, uint32_t value) {
+    ip_msg_show question{};
+    question.header.major_type = IP_MAJOR_CLIENT;
+    question.header.minor_type = minor;
+    mts_msg_ref_t sent = nullptr;
+    if (mts_send(queue_, IP_NODE_LOCAL, IP_SAP_CONTROL, IP_OPCODE_CLIENT, &question, sizeof question, &sent, 0,
+                 nullptr) != 0) {
+      return std::nullopt;
+    }
+    struct mts_recv_opts options{};
+    options.w[0] = 1;
+    options.w[2] = patience;
+    options.w[3] = mts_rr_token_get(sent);
+    mts_msg_ref_t answer = nullptr;
+    const bool answered = mts_recv(queue_, &answer, &options) == 0;
+    mts_drop(queue_, sent);
+    if (!answered) return std::nullopt;
+    std::optional<Entry> found;
+    const uint32_t size = mts_payload_size(answer);
+    for (size_t at = sizeof(ip_msg_show_reply); !found && at + sizeof(Entry) <= size; at += sizeof(Entry)) {
+      const auto *bytes = static_cast<const std::byte *>(mts_payload_get(answer)) + at;
+      uint32_t word = 0;
+      std::memcpy(&word, bytes + offset, sizeof word);
+      if (word == value) std::memcpy(&found.emplace(), bytes, sizeof(Entry));
+    }
+    mts_drop(queue_, answer);
+    return found;
+  }
+  // Messages of a kind with that outcome.
+  uint32_t outcomes(uint16_t minor, uint32_t outcome) {
+    const auto kind = shown<ip_show_message>(IP_MSG_SHOW_MESSAGES, offsetof(ip_show_message, minor), minor);
+    return kind ? kind->counts[outcome][0] : ~0u;
   }
   // A process that borrows va's address from vc and waits for its end.
   Process borrower() {
@@ -244,11 +289,7 @@ TEST_F(IpdRequestsTest, AProcessThatMayNotIsRefused) {
 }
 
 TEST_F(IpdRequestsTest, AnIpdThatMayNotSaysSo) {
-  std::vector<std::string> command{"/usr/bin/setpriv", "--bounding-set=-net_admin"};
-  for (const std::string &word : ipd_test::ipd_command({"--foreground"})) command.push_back(word);
-  ipd_ = Process(command);
-  ASSERT_TRUE(wait_until([this] { return ipd_said("live:") || !ipd_.running(); }, long_enough));
-  become_client();
+  begin_without_privilege();
   EXPECT_EQ(configure(va_, a1, 24), IP_CONFIG_STATUS_NO_PRIVILEGE);
   EXPECT_EQ(result_, static_cast<uint32_t>(EPERM));
 }
@@ -405,6 +446,48 @@ TEST_F(IpdRequestsTest, RedirectsGoOffOnTheInterfacesOfTheList) {
     EXPECT_EQ(setting(std::string(name) + "/accept_redirects"), "0");
   }
   EXPECT_EQ(setting("vb/send_redirects"), "1");
+  EXPECT_EQ(outcomes(IP_MSG_REDIRECT_DISABLE, IP_SHOW_DONE), 1u);
+}
+
+TEST_F(IpdRequestsTest, AnIpdThatMayNotSwitchRedirectsOffSaysSo) {
+  begin_without_privilege();
+  EXPECT_EQ(ip_req_redirect_disable(queue_, 1, &va_), 1u);
+  EXPECT_EQ(outcomes(IP_MSG_REDIRECT_DISABLE, IP_SHOW_KERNEL), 1u);
+  EXPECT_EQ(setting("va/send_redirects"), "1");
+}
+
+TEST_F(IpdRequestsTest, ARequestOfAnUnknownInterfaceIsCounted) {
+  begin();
+  const uint32_t unknown = va_ + 1000;
+  EXPECT_EQ(ip_req_redirect_disable(queue_, 1, &unknown), 1u);
+  EXPECT_EQ(ip_set_unnumbered(unknown, "vc"), 1u);
+  EXPECT_EQ(outcomes(IP_MSG_REDIRECT_DISABLE, IP_SHOW_NO_INTERFACE), 1u);
+  EXPECT_EQ(outcomes(IP_MSG_SET_UNNUMBERED, IP_SHOW_NO_INTERFACE), 1u);
+}
+
+TEST_F(IpdRequestsTest, WhatAProcessHoldsIsShown) {
+  begin();
+  EXPECT_EQ(ip_report_link_local(5, 77), 1u);
+  EXPECT_EQ(ip_report_link_local(3, 78), 1u);
+  EXPECT_EQ(ip_set_unnumbered(va_, "vc"), 1u);
+  const auto client = shown<ip_show_client>(IP_MSG_SHOW_CLIENTS, offsetof(ip_show_client, pid),
+                                            static_cast<uint32_t>(getpid()));
+  ASSERT_TRUE(client);
+  EXPECT_EQ(client->loans, 1u);
+  EXPECT_EQ(client->link_local_reports, 2u);
+  EXPECT_EQ(client->link_local_ref, 5u);
+  EXPECT_EQ(client->link_local_value, 77u);
+}
+
+TEST_F(IpdRequestsTest, TheLoadShareSettingIsPublishedForWhoAsks) {
+  begin();
+  set_sysctl("fib_multipath_hash_policy", "1");
+  EXPECT_EQ(ip_request_load_share_cfg(queue_), 1u);
+  EXPECT_EQ(outcomes(IP_MSG_LOAD_SHARE_CFG, IP_SHOW_DONE), 1u);
+  uint8_t mode = 0;
+  uint32_t value = 0;
+  ip_get_load_share_config(&mode, &value);
+  EXPECT_EQ(mode, 1u) << "once the count shows that the request was done";
 }
 
 TEST_F(IpdRequestsTest, AListWithACountThatDoesNotFitItsSizeIsRefusedAndLogged) {
