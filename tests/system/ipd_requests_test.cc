@@ -132,7 +132,7 @@ class IpdRequestsTest : public IpdTest {
                  nullptr) != 0) {
       return std::nullopt;
     }
-    struct mts_recv_opts options{};
+    struct mts_recv_opts options {};
     options.w[0] = 1;
     options.w[2] = patience;
     options.w[3] = mts_rr_token_get(sent);
@@ -449,13 +449,6 @@ TEST_F(IpdRequestsTest, RedirectsGoOffOnTheInterfacesOfTheList) {
   EXPECT_EQ(outcomes(IP_MSG_REDIRECT_DISABLE, IP_SHOW_DONE), 1u);
 }
 
-TEST_F(IpdRequestsTest, AnIpdThatMayNotSwitchRedirectsOffSaysSo) {
-  begin_without_privilege();
-  EXPECT_EQ(ip_req_redirect_disable(queue_, 1, &va_), 1u);
-  EXPECT_EQ(outcomes(IP_MSG_REDIRECT_DISABLE, IP_SHOW_KERNEL), 1u);
-  EXPECT_EQ(setting("va/send_redirects"), "1");
-}
-
 TEST_F(IpdRequestsTest, ARequestOfAnUnknownInterfaceIsCounted) {
   begin();
   const uint32_t unknown = va_ + 1000;
@@ -470,8 +463,8 @@ TEST_F(IpdRequestsTest, WhatAProcessHoldsIsShown) {
   EXPECT_EQ(ip_report_link_local(5, 77), 1u);
   EXPECT_EQ(ip_report_link_local(3, 78), 1u);
   EXPECT_EQ(ip_set_unnumbered(va_, "vc"), 1u);
-  const auto client = shown<ip_show_client>(IP_MSG_SHOW_CLIENTS, offsetof(ip_show_client, pid),
-                                            static_cast<uint32_t>(getpid()));
+  const auto client =
+      shown<ip_show_client>(IP_MSG_SHOW_CLIENTS, offsetof(ip_show_client, pid), static_cast<uint32_t>(getpid()));
   ASSERT_TRUE(client);
   EXPECT_EQ(client->loans, 1u);
   EXPECT_EQ(client->link_local_reports, 2u);
@@ -484,10 +477,9 @@ TEST_F(IpdRequestsTest, TheLoadShareSettingIsPublishedForWhoAsks) {
   set_sysctl("fib_multipath_hash_policy", "1");
   EXPECT_EQ(ip_request_load_share_cfg(queue_), 1u);
   EXPECT_EQ(outcomes(IP_MSG_LOAD_SHARE_CFG, IP_SHOW_DONE), 1u);
-  uint8_t mode = 0;
-  uint32_t value = 0;
-  ip_get_load_share_config(&mode, &value);
-  EXPECT_EQ(mode, 1u) << "once the count shows that the request was done";
+  ip_ecmp_loadshare_status status{};
+  EXPECT_EQ(ip_get_ecmp_loadshare_status(&status), 1u);
+  EXPECT_EQ(status.mode, 1u) << "once the count shows that the request was done";
 }
 
 TEST_F(IpdRequestsTest, AListWithACountThatDoesNotFitItsSizeIsRefusedAndLogged) {
