@@ -22,6 +22,7 @@
 #include "ipd/control/link_local.h"
 #include "ipd/control/load_share.h"
 #include "ipd/control/loans.h"
+#include "ipd/control/memberships.h"
 #include "ipd/control/redirects.h"
 #include "ipd/control/show.h"
 #include "ipd/control/statistics.h"
@@ -100,6 +101,25 @@ class FailingKernel final : public ipd::kernel::AddressRequests,
   int error = 0;
 };
 
+class CheckedSockets final : public ipd::kernel::MembershipSockets {
+ public:
+  int join(const ipd::kernel::Membership &membership) override {
+    check(!joined.contains(membership));
+    if (error == 0) joined.insert(membership);
+    return error;
+  }
+  int leave(const ipd::kernel::Membership &membership) override {
+    check(joined.erase(membership) == 1);
+    return error;
+  }
+  void forget(uint32_t ifindex) override {
+    std::erase_if(joined, [ifindex](const auto &membership) { return membership.ifindex == ifindex; });
+  }
+
+  std::set<ipd::kernel::Membership> joined;
+  int error = 0;
+};
+
 std::optional<std::vector<std::byte>> encode(uint32_t, std::span<const ip_if_info_msg_entry> entries) {
   return std::vector<std::byte>(entries.size_bytes());
 }
@@ -112,6 +132,7 @@ class System {
     service_.add(show_, {IP_MSG_SHOW_CLIENTS, IP_MSG_SHOW_REGISTRATIONS, IP_MSG_SHOW_MESSAGES});
     service_.add(addresses_, {IP_MSG_CONFIG_ADDRESS});
     service_.add(loans_, {IP_MSG_SET_UNNUMBERED, IP_MSG_UNSET_UNNUMBERED, IP_MSG_UNNUMBERED_PSS_CLEANUP});
+    service_.add(memberships_, {IP_MSG_JOIN_GROUP, IP_MSG_LEAVE_GROUP});
     service_.add(redirects_, {IP_MSG_REDIRECT_DISABLE});
     service_.add(load_share_, {IP_MSG_LOAD_SHARE_CFG});
     service_.add(downloads_, {IP_MSG_DOWNLOAD_IF_INFO});
@@ -136,7 +157,7 @@ class System {
         return service_.queue_gone(sender_of(what));
       case 6:
         transport_.error = errors[(what >> 3) & 3];
-        kernel_.error = errors[(what >> 5) & 3];
+        kernel_.error = sockets_.error = errors[(what >> 5) & 3];
         return service_.tick(now_ += std::chrono::milliseconds(250));
       default:
         return change_interface(what >> 3);
@@ -151,10 +172,12 @@ class System {
     processes_.look_at_all();
     processes_.settle();
     check(processes_.noted() == 0 && service_.senders().empty());
+    check(sockets_.joined.empty());
     check(registrations_.size() == 0 && downloads_.count() == 0 && link_local_.reports().empty());
     for (uint32_t i = 0; i < clients; ++i) {
       const Holdings held = service_.holdings(pid_of(static_cast<uint8_t>(i << 3)));
-      check(held.registrations == 0 && held.loans == 0 && held.downloads == 0 && held.link_local_reports == 0);
+      check(held.registrations == 0 && held.loans == 0 && held.memberships == 0 && held.downloads == 0 &&
+            held.link_local_reports == 0);
     }
   }
 
@@ -231,6 +254,7 @@ class System {
   control_rig::FakeWatch watch_;
   test_support::FakeBox box_;
   FailingKernel kernel_;
+  CheckedSockets sockets_;
   Handler::Clock::time_point now_{};
   Processes processes_{watch_};
   Rights rights_{0, [](const Request &, uint32_t) { return false; }};
@@ -240,6 +264,7 @@ class System {
   LinkLocal link_local_;
   Addresses addresses_{box_, kernel_, transport_};
   Loans loans_{box_};
+  Memberships memberships_{box_, sockets_};
   Redirects redirects_{box_, kernel_};
   LoadShare load_share_{[this] { return kernel_.error == 0; }};
   Downloads downloads_{box_, transport_, encode};
