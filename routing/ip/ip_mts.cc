@@ -32,21 +32,16 @@ constexpr int32_t highest_priority = 32768;
 constexpr mts_bind_opts bind_template = {.w0 = 1, .flags = 0, .w2 = 1024, .module = 0, .w4 = 0, .w5 = 15};
 constexpr uint32_t fixed_sap = 1;  // bit 0 of the bind options' flags
 
-// What debug lines show of an address.
-uint32_t shown(const void *address) {
-  return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(address));
-}
-
 // Both sends; `name` is the one that was called. The traced length is the usual one, whatever the real one.
 uint32_t send(const char *name, uint32_t queue, uint32_t sap, void *message, uint32_t size, int32_t priority,
               void *options, uint32_t opcode) {
   if (priority > highest_priority) {
-    if (dbg_ip_api_misc != 0) debug_line("%s: bad prio %d for message 0x%x\n", name, priority, shown(message));
+    if (dbg_ip_api_misc != 0) debug_line("%s: bad prio %d for message 0x%x\n", name, priority, shown_address(message));
     return 0;
   }
-  if (dbg_cl_mts_send != 0) debug_line("%s (0x%x 0x%x) len %u\n", name, queue, shown(message), IP_MSG_SIZE);
+  if (dbg_cl_mts_send != 0) debug_line("%s (0x%x 0x%x) len %u\n", name, queue, shown_address(message), IP_MSG_SIZE);
   if (queue == no_queue || message == nullptr) {
-    if (dbg_ip_api_misc != 0) debug_line("%s: bad queue or message 0x%x 0x%x\n", name, queue, shown(message));
+    if (dbg_ip_api_misc != 0) debug_line("%s: bad queue or message 0x%x 0x%x\n", name, queue, shown_address(message));
     return 0;
   }
   // A message of any layout, so copied by bytes.

@@ -58,6 +58,11 @@ __attribute__((format(printf, 1, 2))) void set_error_text(const char *format, ..
 // Emits a debug line, to be called when its flag is set: formatted first, gated by the platform's debug level after.
 __attribute__((format(printf, 1, 2))) void debug_line(const char *format, ...);
 
+// What debug lines show of an address.
+inline uint32_t shown_address(const void *address) {
+  return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(address));
+}
+
 // The same line from a text, a value and, if wanted, a second text and number, put together without printf: for lines
 // that are made whether or not the level is on.
 void debug_words(std::string_view text, std::string_view value);

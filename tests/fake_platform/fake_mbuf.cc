@@ -7,6 +7,7 @@
 
 #include "fake_platform/packets.h"
 #include "fake_platform/platform.h"
+#include "fake_platform/watched_blocks.h"
 
 using fake_platform::platform;
 
@@ -137,13 +138,15 @@ struct mts_iovec *m_convert_mbuf_to_iovec_limited(struct mbuf *m, uint32_t limit
   *count = 0;
   *overflow = nullptr;
   *copied_len = 0;
-  *vector_allocated = 1;
+  *vector_allocated = platform().vector_allocated ? 1 : 0;
+  fake_platform::watch_block(vector, "vector");
   *total_len = total_length(m);
   for (; m != nullptr && *count + 1 < limit; m = m->next.get()) vector[(*count)++] = {m->data.get(), m->m_len};
   if (m == nullptr) return vector;
   // What is left goes into one block of its own.
   const std::vector<uint8_t> rest = fake_platform::packet_bytes(m);
   *overflow = std::malloc(rest.size());
+  fake_platform::watch_block(*overflow, "overflow");
   std::memcpy(*overflow, rest.data(), rest.size());
   *copied_len = static_cast<uint32_t>(rest.size());
   vector[(*count)++] = {*overflow, *copied_len};

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "fake_platform/platform.h"
+#include "fake_platform/watched_blocks.h"
 
 using fake_platform::MemoryTypes;
 using fake_platform::platform;
@@ -41,7 +42,9 @@ void *mtrack_alloc(uint32_t component, uint32_t type, uint32_t size) {
 }
 
 void mtrack_free(void *block) {
-  platform().log.call(__func__, fake_platform::Bare{block == nullptr ? "null" : "block"});
+  const char *watched = fake_platform::end_watch(block);
+  const char *shown = watched != nullptr ? watched : "block";
+  platform().log.call(__func__, fake_platform::Bare{block == nullptr ? "null" : shown});
   if (platform().before_free) platform().before_free(block);
   platform().allocations.erase(block);
   std::free(block);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "fake_platform/platform.h"
+#include "fake_platform/watched_blocks.h"
 
 using fake_platform::Message;
 using fake_platform::platform;
@@ -25,6 +26,20 @@ mts_msg_ref_t hand_out(Message message) {
   void *reference = platform().memory.allocate(1);
   platform().received[reference] = std::move(message);
   return reference;
+}
+
+// The pieces of a packet that go with a message. A test may send other words where a vector belongs: only a vector that
+// a conversion made is followed.
+std::vector<std::vector<uint8_t>> pieces_of(const mts_send_opts *options) {
+  std::vector<std::vector<uint8_t>> pieces;
+  if (options == nullptr) return pieces;
+  const mts_iovec *vector = mts_send_opts_vector(options);
+  if (fake_platform::watched_name(vector) == nullptr) return pieces;
+  for (uint32_t i = 0; i < options->w[1]; i++) {
+    const auto *bytes = static_cast<const uint8_t *>(vector[i].base);
+    pieces.emplace_back(bytes, bytes + vector[i].len);
+  }
+  return pieces;
 }
 
 }  // namespace
@@ -64,7 +79,8 @@ int32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_t opcode, v
                       .opcode = opcode,
                       .payload = {bytes, bytes + size},
                       .with_options = opts != nullptr,
-                      .options = {}};
+                      .options = {},
+                      .pieces = pieces_of(static_cast<const mts_send_opts *>(opts))};
   if (opts != nullptr) std::memcpy(message.options.data(), opts, sizeof(struct mts_send_opts));
   if (sent != nullptr) {
     *sent = hand_out({.opcode = opcode, .payload = message.payload, .reject = false, .token = platform().next_token++});

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fake_platform/watched_blocks.h"
+
 namespace fake_platform {
 
 Platform &Platform::instance() {
@@ -63,6 +65,8 @@ void Platform::reset() {
   replies.clear();
   received.clear();
   next_token = 1;
+  vector_allocated = true;
+  free_watched_blocks();
 
   private_types = {};
   shared_types = {};

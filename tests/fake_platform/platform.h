@@ -122,6 +122,7 @@ struct SentMessage {
   std::vector<uint8_t> payload;
   bool with_options;
   std::array<uint32_t, 17> options;
+  std::vector<std::vector<uint8_t>> pieces;  // of a packet, as they were when the message left
 };
 
 struct TlvLibrary {
@@ -181,6 +182,7 @@ class Platform {
   std::deque<Message> replies;  // what mts_recv hands out, in order
   std::map<const void *, Message> received;
   uint32_t next_token = 1;
+  bool vector_allocated = true;  // what a conversion of a packet says of its vector
 
   MemoryTypes private_types, shared_types;
   std::map<void *, Allocation> allocations;  // not yet freed
