@@ -142,6 +142,7 @@ class System {
 
   void step(Input &input) {
     static constexpr int errors[] = {0, EAGAIN, ECONNREFUSED, EPERM};
+    static constexpr int socket_errors[] = {0, ENOBUFS, ENODEV, EPERM};
     const uint8_t what = input.byte();
     switch (what & 7) {
       case 0:
@@ -157,7 +158,8 @@ class System {
         return service_.queue_gone(sender_of(what));
       case 6:
         transport_.error = errors[(what >> 3) & 3];
-        kernel_.error = sockets_.error = errors[(what >> 5) & 3];
+        kernel_.error = errors[(what >> 5) & 3];
+        sockets_.error = socket_errors[(what >> 5) & 3];
         return service_.tick(now_ += std::chrono::milliseconds(250));
       default:
         return change_interface(what >> 3);
@@ -221,7 +223,20 @@ class System {
     bytes.resize(kind.least_size + 4 * count);
     std::memcpy(bytes.data(), &header, sizeof header);
     if (kind.is_list) std::memcpy(bytes.data() + offsetof(ip_msg_interface_list, count), &count, sizeof count);
+    if (kind.minor == IP_MSG_JOIN_GROUP || kind.minor == IP_MSG_LEAVE_GROUP) name_membership(bytes, input.byte());
     return bytes;
+  }
+
+  // One of few, so that clients hold the same ones and leave what they joined; with 255 whatever the message says.
+  static void name_membership(std::vector<std::byte> &bytes, uint8_t which) {
+    static constexpr uint32_t groups[] = {0, 0xe0000001, 0xef010203, 0x0a000001};
+    if (which == 255) return;
+    ip_msg_group message;
+    std::memcpy(&message, bytes.data(), sizeof message);
+    message.iod = 1 + which % (interfaces + 1);
+    message.group = groups[(which >> 4) & 3];
+    message.source = (which & 8) != 0 ? 0x0a000000 + (which >> 6) : 0;
+    std::memcpy(bytes.data(), &message, sizeof message);
   }
 
   void change_interface(uint32_t bits) {
@@ -235,8 +250,13 @@ class System {
       found->second.state.name = "eth" + std::to_string(1 + (iod + 1) % interfaces);
     } else {
       found->second.addresses = {{.addr = 0x0a000000 + iod, .mask_len = 24}};
+      found->second.state.mtu = (bits & 16) != 0 ? 60 : 1500;  // without IPv4, with it
     }
     service_.interfaces_changed({iod, iod + interfaces});
+    for (const auto &each : sockets_.joined) {
+      const auto facts = box_.interface_by_ifindex(each.ifindex);
+      check(facts && facts->state.mtu == 1500);
+    }
   }
 
   [[nodiscard]] uint64_t outcomes() const {
