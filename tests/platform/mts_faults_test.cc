@@ -306,6 +306,29 @@ TEST_F(MtsFaults, AnotherUserCannotSendInANameThatIsNotItsOwn) {
   EXPECT_EQ(forger.wait(), 0);
 }
 
+TEST_F(MtsFaults, ASapThatHasAnotherOwnerMeanwhileDoesNotSpoilWhatWasSentBefore) {
+  if (geteuid() != 0) return;  // only root can become somebody else
+  ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);
+  const Queue server(263);
+  Process sender([] {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 1;
+    const Queue queue;
+    return send(queue, 263, 1, "farewell") == 0 && queue.sap() == 2048 ? 0 : 2;
+  });
+  ASSERT_EQ(sender.wait(), 0);
+  const Queue next;
+  ASSERT_EQ(next.sap(), 2048u);
+  mts_msg_ref_t msg = nullptr;
+  ASSERT_EQ(receive_reference(server, &msg), 0);
+  EXPECT_EQ(text_of(msg), "farewell");
+  rsw::MtsSender told{};
+  ASSERT_TRUE(rsw::mts_sender(msg, &told));
+  EXPECT_EQ(told.uid, 65534u);
+  EXPECT_EQ(told.sap, 0u) << "an answer would reach somebody else";
+  EXPECT_EQ(mts_drop(server, msg), 0);
+  EXPECT_EQ(use_of(263).refused, 0u);
+}
+
 TEST_F(MtsFaults, AnotherUserGetsADynamicSapAndNoFixedOne) {
   if (geteuid() != 0) return;  // only root can become somebody else
   ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);

@@ -62,6 +62,11 @@ int send_parts(int socket, const iovec *parts, size_t count, Patience *patience)
   return 0;
 }
 
+bool has_hung_up(int socket) {
+  pollfd peer{socket, POLLRDHUP, 0};
+  return socket < 0 || (poll(&peer, 1, 0) > 0 && peer.revents != 0);
+}
+
 bool peer_is_gone(int error) {
   return error == EPIPE || error == ECONNRESET || error == ECONNREFUSED || error == ENOTCONN;
 }

@@ -69,6 +69,9 @@ ucred peer_credentials(int socket);
 // patience for. A signal does not end the wait.
 int send_parts(int socket, const iovec *parts, size_t count, Patience *patience);
 
+// Whether the peer has let go of the connection. What it sent before may still be there.
+bool has_hung_up(int socket);
+
 // Whether an errno of a send says that there is nobody at the other end any more.
 bool peer_is_gone(int error);
 

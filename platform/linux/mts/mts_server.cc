@@ -72,7 +72,9 @@ bool mts_sender(mts_msg_ref_t msg, MtsSender *sender) {
   Copy copy;
   if (!mts::look_at(msg, take_copy, &copy) || copy.connection == nullptr) return false;
   const ucred &by = copy.connection->credentials;
-  *sender = {.pid = by.pid, .uid = by.uid, .gid = by.gid, .sap = copy.sap};
+  const bool is_there = copy.what == Arrived::What::gone || !copy.connection->from_peer ||
+                        !mts::has_hung_up(copy.connection->socket.get());
+  *sender = {.pid = by.pid, .uid = by.uid, .gid = by.gid, .sap = is_there ? copy.sap : 0};
   return true;
 }
 

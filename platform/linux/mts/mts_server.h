@@ -18,7 +18,8 @@
 namespace rsw {
 
 // Who sent a message: process and user by the kernel's word, as of when it connected. The SAP is one that this user
-// has, as far as the files of SAPs tell.
+// has, as far as the files of SAPs tell. 0: the sender's queue is gone, and its SAP may be somebody else's; only of a
+// message that mts_is_gone says is the SAP told all the same.
 struct MtsSender {
   int32_t pid;
   uint32_t uid, gid;

@@ -63,13 +63,14 @@ void Queue::close() {
   const std::lock_guard guard(mutex_);
   if (is_closed_) return;
   is_closed_ = true;
-  release_sap(bound_);
-  bound_.socket.reset();
-  bound_.lock.reset();
+  // First the connections, then the SAP: whoever has it next finds none of ours that looks alive.
   for (const std::shared_ptr<Connection> &connection : connections_) {
     connection->alive = false;
     shutdown(connection->socket.get(), SHUT_RDWR);
   }
+  release_sap(bound_);
+  bound_.socket.reset();
+  bound_.lock.reset();
   connections_.clear();
   requests_.clear();
   items_.clear();

@@ -86,7 +86,11 @@ bool Queue::take_datagram(const std::shared_ptr<Connection> &connection, size_t 
   memcpy(&header, datagram_.get(), sizeof header);
   if (!well_formed(header, length, connection->from_peer)) return false;
   if (connection->from_peer && connection->sap == 0) {
-    if (!may_send_from(bound_.directory.get(), header.sap, connection->credentials)) return false;
+    // Who has hung up gave its SAP back before, and the next one to have it may be another user.
+    if (!may_send_from(bound_.directory.get(), header.sap, connection->credentials) &&
+        !has_hung_up(connection->socket.get())) {
+      return false;
+    }
     connection->sap = header.sap;
   }
   if (header.sap != connection->sap) return false;
