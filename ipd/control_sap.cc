@@ -68,9 +68,10 @@ void ControlSap::read() {
   if (take_messages()) processes_.settle();
 }
 
+// Here too, what an ended process sent comes before its end.
 void ControlSap::tick() {
   processes_.look_at_all();
-  processes_.settle();
+  if (take_messages()) processes_.settle();
   service_.tick(control::Handler::Clock::now());
 }
 

@@ -69,7 +69,8 @@ Refusal Clients::enter(const Request &request) {
   const auto message = request.as<ip_msg_register>();
   const auto name = name_of(message.name);
   const std::string_view receive_function = text_of(message.recv_fn);
-  const bool good_reply_sap = message.reply_sap == 0 || message.reply_sap == request.sender.sap;
+  const bool good_reply_sap =
+      message.reply_sap == 0 || request.sender.sap == 0 || message.reply_sap == request.sender.sap;
   if (!name || !printable(receive_function) || !good_reply_sap || message.data_sap > highest_sap) {
     return Refusal::bad_field;
   }

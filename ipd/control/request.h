@@ -38,7 +38,7 @@ inline constexpr size_t refusal_count = 14;
 struct Sender {
   int32_t pid = 0;
   uint32_t uid = 0;
-  uint32_t sap = 0;  // of the queue that it was sent from
+  uint32_t sap = 0;  // of the queue that it was sent from; 0: that is gone, and nothing can be sent there
 };
 
 struct Request {

@@ -177,6 +177,16 @@ TEST_F(ControlClientsTest, WhoWantsNoReplyGetsNone) {
   EXPECT_EQ(result(), 99u) << "nor when it is refused";
 }
 
+TEST_F(ControlClientsTest, WhoWantsNoReplyIsRegisteredAfterItsQueueIsGone) {
+  auto message = registration("ospf");
+  message.flags = IP_CLIENT_NO_ACK;
+  message.reply_sap = 2048;
+  system.receive({.pid = one.pid, .uid = one.uid, .sap = 0}, message);
+  EXPECT_EQ(result(), 99u);
+  ASSERT_EQ(all().size(), 1u);
+  EXPECT_EQ(all()[0].pid, one.pid);
+}
+
 TEST_F(ControlClientsTest, AnUnterminatedNameIsRefusedWithAReply) {
   EXPECT_EQ(register_as(one, std::string(68, 'x')), 0u);
   EXPECT_EQ(refused(Refusal::bad_field), 1u);
