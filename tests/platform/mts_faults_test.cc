@@ -287,6 +287,7 @@ TEST_F(MtsFaults, AWellFormedRawMessageIsTaken) {
 
 TEST_F(MtsFaults, AnotherUserCannotSendInANameThatIsNotItsOwn) {
   if (geteuid() != 0) return;  // only root can become somebody else
+  ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);
   const Queue server(263);
   const Queue victim;
   Process forger([this, sap = victim.sap()] {
@@ -297,7 +298,6 @@ TEST_F(MtsFaults, AnotherUserCannotSendInANameThatIsNotItsOwn) {
     raw.write(header, 8);
     return wait_until([&] { return raw.was_closed(); }) ? 0 : 2;
   });
-  ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);
   ASSERT_TRUE(wait_until([&] {
     mts_msg_ref_t msg = nullptr;
     mts_recv_now(server, &msg);
