@@ -80,7 +80,7 @@ class ControlServiceTest : public testing::Test {
     for (const auto &[minor, counts] : system.service.counts()) {
       for (size_t i = 0; i < refusal_count; ++i) {
         const uint64_t by = counts.by_outcome[i] - before.at(minor).by_outcome[i];
-        if (by != 0) verdicts.insert(verdicts.end(), by, static_cast<Refusal>(i));
+        if (by != 0) verdicts.insert(verdicts.end(), static_cast<size_t>(by), static_cast<Refusal>(i));
         if (by != 0) counted_for = minor;
       }
     }
