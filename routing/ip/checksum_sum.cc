@@ -1,24 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
-// The sum under every checksum.
-#include <cstring>
-
+// The sum of many bytes: the way that any processor can go, and the choice of a better one.
 #include "checksum.h"
+#include "checksum_vector.h"
 
 namespace libip {
 
-uint64_t sum_of_bytes(const uint8_t *from, size_t length) {
-  uint64_t sum = 0;
-  for (; length >= 2; from += 2, length -= 2) {
-    uint16_t word;
-    std::memcpy(&word, from, sizeof word);
-    sum += word;
+uint64_t sum_by_words(const uint8_t *from, size_t length) {
+  uint64_t even = 0;
+  uint64_t odd = 0;
+  for (; length >= 16; from += 16, length -= 16) {
+    even += uint64_t{word_at<uint32_t>(from)} + word_at<uint32_t>(from + 8);
+    odd += uint64_t{word_at<uint32_t>(from + 4)} + word_at<uint32_t>(from + 12);
   }
-  if (length == 1) {
-    uint16_t word = 0;
-    std::memcpy(&word, from, 1);
-    sum += word;
-  }
-  return sum;
+  return even + odd + sum_where_we_are(from, length);
 }
 
+// Right from the start, for constructors of other libraries that run before the choice is made.
+SumOfBytes sum_of_many = sum_by_words;
+
+namespace {
+
+[[gnu::constructor]] void choose_sum() {
+#if LIBIP_VECTOR_SUMS
+  if (has_sse2()) sum_of_many = sum_by_sse2;
+  if (has_avx2()) sum_of_many = sum_by_avx2;
+  if (has_fast_avx512()) sum_of_many = sum_by_avx512;
+#endif
+}
+
+}  // namespace
 }  // namespace libip
