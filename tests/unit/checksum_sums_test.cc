@@ -21,6 +21,14 @@ namespace {
 
 constexpr size_t longest = 9216;
 constexpr size_t alignments = 64;
+// A sanitizer looks at each access: some alignments, and fewer packets, have to do there.
+#ifdef LIBIP_SANITIZED
+constexpr size_t alignment_step = 21;
+constexpr int packets = 200;
+#else
+constexpr size_t alignment_step = 1;
+constexpr int packets = 2000;
+#endif
 
 struct Way {
   const char *name;
@@ -114,7 +122,7 @@ class SumTest : public testing::TestWithParam<Way> {
 TEST_P(SumTest, EveryLengthAtEveryAlignmentIsThePlainLoops) {
   RandomWords random;
   fill(random);
-  for (size_t alignment = 0; alignment < alignments; alignment++) {
+  for (size_t alignment = 0; alignment < alignments; alignment += alignment_step) {
     const uint8_t *from = memory.begin() + alignment;
     PlainLoop twin(from);
     for (size_t length = 0; length <= longest; length++) {
@@ -194,7 +202,7 @@ TEST_F(ChosenSumTest, IpChecksumIsThePlainLoopsAtEveryLength) {
 
 TEST_F(ChosenSumTest, InCksumIsThePlainLoopsInEverySegmentation) {
   RandomWords random;
-  for (int run = 0; run < 2000; run++) {
+  for (int run = 0; run < packets; run++) {
     const size_t total = random.below(longest + 1);
     std::vector<uint8_t> bytes(total);
     for (uint8_t &byte : bytes) byte = static_cast<uint8_t>(random());
