@@ -11,6 +11,7 @@ namespace ipd {
 namespace {
 
 constexpr size_t messages_in_a_row = 64;
+constexpr auto longest_flood = std::chrono::seconds(2);
 
 }  // namespace
 
@@ -65,14 +66,20 @@ bool ControlSap::take_messages() {
 
 void ControlSap::read() {
   processes_.look();
-  if (take_messages()) processes_.settle();
+  if (take_messages()) settle();
 }
 
-// Here too, what an ended process sent comes before its end.
+void ControlSap::settle() {
+  processes_.settle();
+  settled_ = control::Handler::Clock::now();
+}
+
+// Here too, what an ended process sent comes before its end; but who sends without end does not put that off for ever.
 void ControlSap::tick() {
   processes_.look_at_all();
-  if (take_messages()) processes_.settle();
-  service_.tick(control::Handler::Clock::now());
+  const auto now = control::Handler::Clock::now();
+  if (take_messages() || now - settled_ > longest_flood) settle();
+  service_.tick(now);
 }
 
 }  // namespace ipd

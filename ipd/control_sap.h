@@ -40,6 +40,7 @@ class ControlSap {
   void add_handlers();
   bool take_messages();
   void read();
+  void settle();
 
   std::unique_ptr<control::MtsTransport> transport_;
   std::unique_ptr<control::PidfdWatch> watch_;
@@ -50,6 +51,7 @@ class ControlSap {
   control::LinkLocal link_local_;
   control::Show show_;
   bool broken_ = false;
+  control::Handler::Clock::time_point settled_{};  // the ends of processes, last
 };
 
 }  // namespace ipd

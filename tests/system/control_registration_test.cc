@@ -29,6 +29,12 @@ uint32_t register_as(const char *name, uint32_t data_q = no_queue, uint32_t ctrl
   return ip_register(name, data_q, ctrl_q, 89, 1, ip_api_init(), 0, 0);
 }
 
+int flood() {
+  ip_api_init();
+  if (ip_init_mts(&ip_client.ctrl_q, -1) == 0) return 1;
+  while (true) ip_deregister("nobody", 1, &ip_client);
+}
+
 class ControlRegistrationTest : public ipd_test::IpdTest {
  protected:
   void TearDown() override {
@@ -206,19 +212,24 @@ TEST_F(ControlRegistrationTest, OnAStandbyOnlyDynamicQueuesRegister) {
   EXPECT_TRUE(comes_to_hold(0, "dynamic"));
 }
 
+TEST_F(ControlRegistrationTest, AFloodOfMessagesDoesNotKeepADeadClientsRegistration) {
+  start_ipd();
+  Process killed = client("pim");
+  ASSERT_TRUE(comes_to_hold(killed.pid(), "pim"));
+  std::vector<Process> floods;
+  for (int i = 0; i < 4; ++i) floods.emplace_back(flood);
+  ASSERT_TRUE(wait_until([] { return refused("deregister", "not-registered") > 1000; }, long_wait));
+  killed.kill_now();
+  EXPECT_TRUE(comes_to_hold(0, "pim"));
+}
+
 TEST_F(ControlRegistrationTest, AFloodOfMessagesDoesNotKeepIpdFromTheKernel) {
   ip("link add ib type ifb");
   ip("link set ib up");
   start_ipd();
   attach();
   std::vector<Process> floods;
-  for (int i = 0; i < 2; ++i) {
-    floods.push_back(Process([] {
-      ip_api_init();
-      if (ip_init_mts(&ip_client.ctrl_q, -1) == 0) return 1;
-      while (true) ip_deregister("nobody", 1, &ip_client);
-    }));
-  }
+  for (int i = 0; i < 2; ++i) floods.emplace_back(flood);
   ASSERT_TRUE(wait_until([] { return refused("deregister", "not-registered") > 1000; }, long_wait));
   const uint32_t there = iod("ib");
   for (uint32_t i = 1; i <= 20; ++i) {
@@ -226,7 +237,7 @@ TEST_F(ControlRegistrationTest, AFloodOfMessagesDoesNotKeepIpdFromTheKernel) {
     EXPECT_TRUE(wait_until([&] { return ip_is_address_on_interface(0x0a000000 + i, there) != 0; }, long_wait)) << i;
   }
   EXPECT_EQ(register_as("pim"), 1u) << "nor from other clients";
-  for (Process &flood : floods) EXPECT_TRUE(flood.running()) << flood.output();
+  for (Process &each : floods) EXPECT_TRUE(each.running()) << each.output();
 }
 
 TEST_F(ControlRegistrationTest, AGroupThatTheSystemDoesNotHaveIsSaid) {
