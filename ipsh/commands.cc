@@ -8,13 +8,12 @@
 #include <fmt/format.h>
 
 #include <array>
-#include <charconv>
-#include <cmath>
-#include <optional>
 
 #include "attachment.h"
 #include "explain.h"
+#include "limit_option.h"
 #include "query_run.h"
+#include "request_commands.h"
 #include "show_commands.h"
 #include "sysmgr/sysmgr_writer.h"
 
@@ -42,21 +41,6 @@ Run query_runner(const Query &query) {
     printers.query(result);
     return result.found ? ExitCode::found : ExitCode::none;
   };
-}
-
-// A limit of the watch: a number above 0, or nothing where the option was left out.
-template <class Number>
-bool decode_limit(const char *option, const std::string &given, const char *accepts, std::optional<Number> *limit,
-                  Failure *failure) {
-  if (given.empty()) return true;
-  Number number{};
-  const auto [end, error] = std::from_chars(given.data(), given.data() + given.size(), number);
-  if (error == std::errc() && end == given.data() + given.size() && number > 0 && number <= Number{1000000000}) {
-    *limit = number;
-    return true;
-  }
-  *failure = {ExitCode::usage, fmt::format("{}: '{}' is not accepted here", option, given), accepts};
-  return false;
 }
 
 ExitCode explain_address(const Options &options, const Printers &printers, Failure *failure) {
@@ -167,8 +151,7 @@ void add_system(CommandTree *tree) {
 
 }  // namespace
 
-CommandTree::CommandTree()
-    : app("Ask the IPv4 state of this system: contexts, interfaces, addresses, routes.", "ipsh") {
+CommandTree::CommandTree() : app("Ask the IPv4 state of this system, and ipd to change it.", "ipsh") {
   app.fallthrough();
   app.set_help_flag("-h,--help", "print this help and exit");
   app.set_version_flag("--version", "ipsh " IPSH_VERSION, "print the version and exit");
@@ -185,6 +168,7 @@ CommandTree::CommandTree()
   add_query(this);
   add_explain(this);
   add_watch(this);
+  add_requests(this);
   add_system(this);
 }
 

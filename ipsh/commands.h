@@ -21,6 +21,7 @@ struct Options {
   std::string context, interface, table, view, limit;
   std::string address;
   std::string count, seconds;
+  std::string group, source, prefix, lender, hold_seconds;
   std::map<std::string, std::string, std::less<>> query_words;  // by argument name
 };
 

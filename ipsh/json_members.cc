@@ -188,6 +188,26 @@ JsonForm<MessageRow> json_form() {
 }
 
 template <>
+JsonForm<rsw::MtsQueueUse> json_form() {
+  using Row = rsw::MtsQueueUse;
+  static constexpr std::array<JsonMember<Row>, 12> members{{
+      {"sap", [](const Row &row) { return Json(row.sap); }},
+      {"pid", [](const Row &row) { return Json(row.pid); }},
+      {"component", [](const Row &row) { return Json(row.module); }},
+      {"name", [](const Row &row) { return Json(row.name); }},
+      {"waiting", [](const Row &row) { return Json(row.waiting); }},
+      {"waiting_bytes", [](const Row &row) { return Json(row.waiting_bytes); }},
+      {"most_waiting", [](const Row &row) { return Json(row.high_water); }},
+      {"received", [](const Row &row) { return Json(row.received); }},
+      {"sent", [](const Row &row) { return Json(row.sent); }},
+      {"refused", [](const Row &row) { return Json(row.refused); }},
+      {"send_failures", [](const Row &row) { return Json(row.send_failures); }},
+      {"connections", [](const Row &row) { return Json(row.connections); }},
+  }};
+  return {"queues", "queues", members};
+}
+
+template <>
 JsonForm<RouteRow> json_form() {
   using Row = RouteRow;
   static constexpr std::array<JsonMember<Row>, 12> members{{

@@ -11,6 +11,7 @@
 #include "control_state.h"
 #include "explain.h"
 #include "mtrack/mtrack_writer.h"
+#include "mts/mts_server.h"
 #include "routes.h"
 #include "services.h"
 #include "snapshot.h"
@@ -47,6 +48,8 @@ template <>
 JsonForm<ClientRow> json_form();
 template <>
 JsonForm<MessageRow> json_form();
+template <>
+JsonForm<rsw::MtsQueueUse> json_form();
 template <>
 JsonForm<RouteRow> json_form();
 template <>

@@ -119,6 +119,23 @@ Json value_object(const ShownValue &shown) {
   return {{"type", type_name(shown.value.type)}, {"value", raw(shown.value)}, {"text", shown.text}};
 }
 
+void request(const RequestRow &row) {
+  Json json = object("request");
+  json["request"] = to_text(row.kind);
+  json["state"] = to_text(row.state);
+  json["iod"] = row.iod;
+  json["interface"] = row.interface;
+  json["group"] = address_or_null(row.group);
+  json["source"] = address_or_null(row.source);
+  json["address"] = address_or_null(row.addr);
+  json["mask_len"] = number_or_null(row.mask_len);
+  json["lender"] = text_or_null(row.lender);
+  json["status"] = row.status ? Json(*row.status) : Json(nullptr);
+  json["status_text"] = row.status ? Json(status_text(*row.status, row.result)) : Json(nullptr);
+  json["result"] = row.status ? Json(row.result) : Json(nullptr);
+  write(json);
+}
+
 void query(const QueryResult &result) {
   Json json = object("query");
   json["query"] = result.query->name;
@@ -201,6 +218,7 @@ const Printers json_printers{
     .memory = list<rsw::MemoryUse>,
     .clients = list<ClientRow>,
     .messages = list<MessageRow>,
+    .queues = list<rsw::MtsQueueUse>,
     .routes = routes,
     .vips = list<VipRow>,
     .groups = list<GroupRow>,
@@ -209,6 +227,7 @@ const Printers json_printers{
     .explanation = explanation,
     .system = system,
     .supervisor = supervisor,
+    .request = request,
     .query = query,
     .query_list = query_list,
     .watch = {watch_start, watch_event},

@@ -90,6 +90,21 @@ void supervisor(uint32_t state) {
   write_fields({{"supervisor", supervisor_text(state)}});
 }
 
+std::string state_text(const RequestRow &row) {
+  switch (row.state) {
+    case RequestState::held:
+      return "held until this ends";
+    case RequestState::none:
+      return "no ipsh holds it";
+    default:
+      return row.status ? status_text(*row.status, row.result) : to_text(row.state);
+  }
+}
+
+void request(const RequestRow &row) {
+  write_fields({{to_text(row.kind), subject_text(row)}, {"state", state_text(row)}});
+}
+
 void query(const QueryResult &result) {
   std::string call = fmt::format("{}(", result.query->name);
   for (size_t i = 0; i < result.arguments.size(); ++i) {
@@ -170,6 +185,7 @@ const Printers table_printers{
     .memory = list<rsw::MemoryUse>,
     .clients = list<ClientRow>,
     .messages = list<MessageRow>,
+    .queues = list<rsw::MtsQueueUse>,
     .routes = routes,
     .vips = list<VipRow>,
     .groups = list<GroupRow>,
@@ -178,6 +194,7 @@ const Printers table_printers{
     .explanation = explanation,
     .system = system,
     .supervisor = supervisor,
+    .request = request,
     .query = query,
     .query_list = query_list,
     .watch = {watch_start, watch_event},

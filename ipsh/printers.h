@@ -11,7 +11,9 @@
 #include "exit_code.h"
 #include "explain.h"
 #include "mtrack/mtrack_writer.h"
+#include "mts/mts_server.h"
 #include "query_run.h"
+#include "requests.h"
 #include "routes.h"
 #include "services.h"
 #include "snapshot.h"
@@ -28,6 +30,7 @@ struct Printers {
   void (*memory)(const std::vector<rsw::MemoryUse> &rows);
   void (*clients)(const std::vector<ClientRow> &rows);
   void (*messages)(const std::vector<MessageRow> &rows);
+  void (*queues)(const std::vector<rsw::MtsQueueUse> &rows);
   void (*routes)(const RouteListing &listing);
   void (*vips)(const std::vector<VipRow> &rows);
   void (*groups)(const std::vector<GroupRow> &rows);
@@ -36,6 +39,7 @@ struct Printers {
   void (*explanation)(const Explanation &explanation);
   void (*system)(const SystemState &state);
   void (*supervisor)(uint32_t state);  // after it was set
+  void (*request)(const RequestRow &row);
   void (*query)(const QueryResult &result);
   void (*query_list)();
   WatchOutput watch;

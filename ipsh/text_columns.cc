@@ -185,6 +185,27 @@ std::span<const TextColumn<MessageRow>> text_columns() {
 }
 
 template <>
+std::span<const TextColumn<rsw::MtsQueueUse>> text_columns() {
+  using rsw::MtsQueueUse;
+  static constexpr std::array<TextColumn<MtsQueueUse>, 12> columns{{
+      {"SAP", right, [](const MtsQueueUse &row) { return number_text(row.sap); }},
+      {"PID", right, [](const MtsQueueUse &row) { return fmt::format("{}", row.pid); }},
+      {"COMPONENT", right, [](const MtsQueueUse &row) { return number_text(row.module); }},
+      {"WAITING", right, [](const MtsQueueUse &row) { return number_text(row.waiting); }},
+      {"BYTES", right, [](const MtsQueueUse &row) { return number_text(row.waiting_bytes); }},
+      {"MOST", right, [](const MtsQueueUse &row) { return number_text(row.high_water); }},
+      {"RECEIVED", right, [](const MtsQueueUse &row) { return number_text(row.received); }},
+      {"SENT", right, [](const MtsQueueUse &row) { return number_text(row.sent); }},
+      {"REFUSED", right, [](const MtsQueueUse &row) { return number_text(row.refused); }},
+      {"FAILURES", right, [](const MtsQueueUse &row) { return number_text(row.send_failures); }},
+      {"PEERS", right, [](const MtsQueueUse &row) { return number_text(row.connections); }},
+      // Names have blanks inside: the last column.
+      {"NAME", left, [](const MtsQueueUse &row) { return or_dash(row.name); }},
+  }};
+  return columns;
+}
+
+template <>
 std::span<const TextColumn<RouteRow>> text_columns() {
   static constexpr std::array<TextColumn<RouteRow>, 8> columns{{
       {"TABLE", right, [](const RouteRow &row) { return number_text(row.table); }},

@@ -10,6 +10,7 @@
 
 #include "control_state.h"
 #include "mtrack/mtrack_writer.h"
+#include "mts/mts_server.h"
 #include "routes.h"
 #include "services.h"
 #include "snapshot.h"
@@ -39,6 +40,8 @@ template <>
 std::span<const TextColumn<ClientRow>> text_columns();
 template <>
 std::span<const TextColumn<MessageRow>> text_columns();
+template <>
+std::span<const TextColumn<rsw::MtsQueueUse>> text_columns();
 template <>
 std::span<const TextColumn<RouteRow>> text_columns();
 template <>

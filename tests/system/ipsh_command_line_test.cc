@@ -76,14 +76,18 @@ TEST_P(IpshRefusal, IsOneLineThatNamesTheArgumentAndWhatIsAccepted) {
 INSTANTIATE_TEST_SUITE_P(
     OfBadInput, IpshRefusal,
     ::testing::Values(
-        Refusal{"", "ipsh: ipsh: a command is missing; give one of show, query, explain, watch, system"},
-        Refusal{"shwo", "ipsh: ipsh: there is no 'shwo'; give one of show, query, explain, watch, system"},
+        Refusal{"",
+                "ipsh: ipsh: a command is missing; give one of show, query, explain, watch, join, leave, configure, "
+                "unnumbered, multicast, system"},
+        Refusal{"shwo",
+                "ipsh: ipsh: there is no 'shwo'; give one of show, query, explain, watch, join, leave, configure, "
+                "unnumbered, multicast, system"},
         Refusal{"show",
                 "ipsh: ipsh show: a command is missing; give one of contexts, interfaces, addresses, routes, vips, "
-                "groups, router-id, counters, memory, clients, messages, system"},
+                "groups, router-id, counters, memory, clients, messages, queues, system"},
         Refusal{"show adresses",
                 "ipsh: ipsh show: there is no 'adresses'; give one of contexts, interfaces, addresses, routes, "
-                "vips, groups, router-id, counters, memory, clients, messages, system"},
+                "vips, groups, router-id, counters, memory, clients, messages, queues, system"},
         Refusal{"show contexts memory",
                 "ipsh: ipsh show contexts: 'memory' is not accepted here; see ipsh show contexts --help"},
         Refusal{"show contexts --jsn",
@@ -197,10 +201,10 @@ TEST_F(IpshWithoutIpd, TheManPageIsCleanAndNamesEveryExitCodeAndKind) {
   std::stringstream page;
   page << std::ifstream(IPSH_MAN).rdbuf();
   for (const char *text :
-       {".It 0",         ".It 1",         ".It 2",          ".It 3",       ".It 4",         "Ql contexts",
-        "Ql interfaces", "Ql addresses",  "Ql memory",      "Ql clients",  "Ql system",     "Ql supervisor",
-        "Ql query",      "Ql query-list", "Ql watch-start", "Ql event",    "Ql failure",    "Ql routes",
-        "Ql vips",       "Ql groups",     "Ql router-ids",  "Ql counters", "Ql explanation", "Ql messages"}) {
+       {".It 0",          ".It 1",          ".It 2",       ".It 3",     ".It 4",         "Ql contexts", "Ql interfaces",
+        "Ql addresses",   "Ql memory",      "Ql clients",  "Ql system", "Ql supervisor", "Ql query",    "Ql query-list",
+        "Ql watch-start", "Ql event",       "Ql failure",  "Ql routes", "Ql vips",       "Ql groups",   "Ql router-ids",
+        "Ql counters",    "Ql explanation", "Ql messages", "Ql queues", "Ql request"}) {
     EXPECT_NE(page.str().find(text), std::string::npos) << text;
   }
 }

@@ -26,11 +26,14 @@ std::string completions(const std::vector<std::string> &words) {
 }
 
 TEST_F(IpshWithoutIpd, CompletionOffersTheCommandsOfALevel) {
-  EXPECT_EQ(completions({""}), "explain query show system watch ");
+  EXPECT_EQ(completions({""}), "configure explain join leave multicast query show system unnumbered watch ");
   EXPECT_EQ(completions({"s"}), "show system ");
-  EXPECT_EQ(completions({"show", ""}),
-            "addresses clients contexts counters groups interfaces memory messages router-id routes system vips ");
+  EXPECT_EQ(
+      completions({"show", ""}),
+      "addresses clients contexts counters groups interfaces memory messages queues router-id routes system vips ");
   EXPECT_EQ(completions({"system", ""}), "active standby ");
+  EXPECT_EQ(completions({"unnumbered", ""}), "set unset ");
+  EXPECT_EQ(completions({"multicast", ""}), "off on ");
 }
 
 TEST_F(IpshWithoutIpd, CompletionOffersQueriesByName) {
@@ -43,6 +46,7 @@ TEST_F(IpshWithoutIpd, CompletionOffersEachOptionOnce) {
   EXPECT_EQ(completions({"query", "ip_get_local_mask_len", "--addr", "10.0.0.1", "--json", "--"}),
             "--help --iod --run-dir ");
   EXPECT_EQ(completions({"watch", "--c"}), "--count ");
+  EXPECT_EQ(completions({"join", "239.1.1.1", "--"}), "--for --help --interface --json --run-dir --source --timeout ");
   EXPECT_EQ(completions({"show", "routes", "--view", ""}), "multicast unicast ");
   EXPECT_EQ(completions({"show", "routes", "--"}),
             "--context --help --interface --json --limit --run-dir --table --view ");
@@ -51,6 +55,7 @@ TEST_F(IpshWithoutIpd, CompletionOffersEachOptionOnce) {
 TEST_F(IpshWithSystem, CompletionOffersTheNamesOfTheRunningSystem) {
   EXPECT_EQ(completions({"query", "ip_get_mtu", "--iod", ""}), "eth0 eth1 lo tun0 ");
   EXPECT_EQ(completions({"query", "ip_get_mtu", "--iod", "e"}), "eth0 eth1 ");
+  EXPECT_EQ(completions({"unnumbered", "set", "--from", "l"}), "lo ");
   EXPECT_EQ(completions({"show", "addresses", "--context", ""}), "default red ");
   EXPECT_EQ(completions({"show", "addresses", "--context", "=", "r"}), "red ");
   EXPECT_EQ(completions({"show", "routes", "--table", "r"}), "red ");

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 
+#include "control_peer.h"
 #include "ip_api.h"
 #include "ipsh_fixture.h"
 #include "support/process.h"
@@ -63,6 +64,25 @@ TEST_F(IpshWithRoutes, EveryListingAndExplanationOfRoutesIsValid) {
 
 TEST_F(IpshWithoutIpd, AFailureIsValid) {
   EXPECT_EQ(problems(run_directory_.path(), ipsh({"show", "contexts", "--json"}).out), "");
+}
+
+TEST_F(IpshWithSystem, EveryRequestIsValid) {
+  std::string printed;
+  for (const uint32_t status : {IP_CONFIG_STATUS_DONE, IP_CONFIG_STATUS_OVERLAP, IP_CONFIG_STATUS_NO_PRIVILEGE}) {
+    const test_support::ControlPeer peer(*publisher_, {.status = static_cast<uint8_t>(status), .result = 3});
+    for (const char *line :
+         {"join 239.1.1.1 --interface eth0 --for 0.1", "leave 239.1.1.1 --interface eth0 --source 192.0.2.1",
+          "multicast on --interface tun0 --for 0.1", "multicast off --interface tun0",
+          "unnumbered set --interface tun0 --from lo --for 0.1", "unnumbered unset --interface tun0",
+          "unnumbered unset --interface tun0", "configure 10.0.0.9/24 --interface eth0", "show queues"}) {
+      std::vector<std::string> words = words_of(line);
+      words.emplace_back("--json");
+      const Outcome outcome = ipsh(words);
+      EXPECT_NE(outcome.out, "") << line << ": " << outcome.err;
+      printed += outcome.out;
+    }
+  }
+  EXPECT_EQ(problems(run_directory_.path(), printed), "") << printed;
 }
 
 TEST_F(IpshWithSystem, EventsOfAllKindsAreValid) {

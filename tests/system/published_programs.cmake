@@ -10,7 +10,7 @@ target_compile_definitions(examples_test PRIVATE LIST_INTERFACES="$<TARGET_FILE:
 add_dependencies(examples_test list_interfaces watch_addresses)
 
 if(LIBIP_PROGRAMS)
-  add_library(ipsh_fixture STATIC ipsh_asked.cc ipsh_fixture.cc)
+  add_library(ipsh_fixture STATIC control_peer.cc ipsh_asked.cc ipsh_fixture.cc)
   target_link_libraries(ipsh_fixture PRIVATE project_flags
                         PUBLIC published_system ipsh_parts GTest::gtest)
   target_compile_definitions(ipsh_fixture PUBLIC
@@ -26,6 +26,6 @@ if(LIBIP_PROGRAMS)
   libip_test(ipsh_test
     SOURCES ipsh_command_line_test.cc ipsh_completion_test.cc ipsh_explain_test.cc ipsh_interface_query_test.cc
             ipsh_ipd_test.cc ipsh_query_list_test.cc ipsh_query_test.cc ipsh_route_test.cc ipsh_schema_test.cc
-            ipsh_show_test.cc ipsh_statistics_test.cc ipsh_watch_test.cc
+            ipsh_request_test.cc ipsh_show_test.cc ipsh_statistics_test.cc ipsh_watch_test.cc
     LIBRARIES ipsh_fixture)
 endif()
