@@ -92,6 +92,12 @@ bool decode_timing(const Options &options, Timing *timing, Failure *failure) {
   return true;
 }
 
+// Interfaces have names only where there is a database. ipd hears nothing of a line that makes no sense.
+bool decode_interface(const Options &options, RequestRow *row, Failure *failure) {
+  const std::unique_ptr<Attachment> attachment = Attachment::open(failure);
+  return attachment != nullptr && decode_interface_of(options, row, failure);
+}
+
 // ------------------------------------------------------------------------------------------------- what ends with ipsh
 
 // Something that is held: how it is asked for, how it is given back, and how it shows.
@@ -148,10 +154,14 @@ ExitCode ask_and_hold(RequestRow row, const Holding &holding, const Options &opt
   Timing timing;
   if (!decode_timing(options, &timing, failure)) return failure->code;
   const std::unique_ptr<Client> client = Client::open(holder_queue_name, failure);
-  if (client == nullptr || !decode_interface_of(options, &row, failure)) return failure->code;
+  if (client == nullptr) return failure->code;
   const EndSignals signals;
   if (!holding.ask(row)) {
     *failure = not_sent(row);
+    return failure->code;
+  }
+  if (client->was_refused().value_or(false)) {
+    *failure = refused(row);
     return failure->code;
   }
   if (!client->wait_until([&] { return holding.shows(row) || signals.pending(); }, timing.timeout)) {
@@ -174,8 +184,9 @@ ExitCode ask_and_hold(RequestRow row, const Holding &holding, const Options &opt
 
 // Ends what another ipsh holds.
 ExitCode end_of(RequestKind held, RequestRow row, const Options &options, const Printers &printers, Failure *failure) {
+  if (!decode_interface(options, &row, failure)) return failure->code;
   const std::unique_ptr<Client> client = Client::open("ipsh asking", failure);
-  if (client == nullptr || !decode_interface_of(options, &row, failure)) return failure->code;
+  if (client == nullptr) return failure->code;
   RequestRow wanted = row;
   wanted.kind = held;
   bool denied = false;
@@ -193,7 +204,7 @@ ExitCode end_of(RequestKind held, RequestRow row, const Options &options, const 
 
 ExitCode join(const Options &options, const Printers &printers, Failure *failure) {
   RequestRow row(RequestKind::join);
-  if (!decode_group(options, &row, failure)) return failure->code;
+  if (!decode_group(options, &row, failure) || !decode_interface(options, &row, failure)) return failure->code;
   return ask_and_hold(std::move(row), membership, options, printers, failure);
 }
 
@@ -204,7 +215,9 @@ ExitCode leave(const Options &options, const Printers &printers, Failure *failur
 }
 
 ExitCode multicast_on(const Options &options, const Printers &printers, Failure *failure) {
-  return ask_and_hold(RequestRow(RequestKind::multicast_on), all_multicast, options, printers, failure);
+  RequestRow row(RequestKind::multicast_on);
+  if (!decode_interface(options, &row, failure)) return failure->code;
+  return ask_and_hold(std::move(row), all_multicast, options, printers, failure);
 }
 
 ExitCode multicast_off(const Options &options, const Printers &printers, Failure *failure) {
@@ -245,8 +258,9 @@ ExitCode unnumbered_unset(const Options &options, const Printers &printers, Fail
   RequestRow row(RequestKind::unnumbered_unset);
   Timing timing;
   if (!decode_timing(options, &timing, failure)) return failure->code;
+  if (!decode_interface(options, &row, failure)) return failure->code;
   const std::unique_ptr<Client> client = Client::open("ipsh asking", failure);
-  if (client == nullptr || !decode_interface_of(options, &row, failure)) return failure->code;
+  if (client == nullptr) return failure->code;
   if (is_unnumbered(row)) {
     RequestRow held = row;
     held.kind = RequestKind::unnumbered_set;
@@ -254,6 +268,10 @@ ExitCode unnumbered_unset(const Options &options, const Printers &printers, Fail
     end_holders(client->queue(), held, &denied);
     if (ip_unset_unnumbered(row.iod) == 0) {
       *failure = not_sent(row);
+      return failure->code;
+    }
+    if (client->was_refused().value_or(false)) {
+      *failure = refused(row);
       return failure->code;
     }
     if (!client->wait_until([&] { return !is_unnumbered(row); }, timing.timeout)) {
@@ -271,11 +289,12 @@ ExitCode unnumbered_unset(const Options &options, const Printers &printers, Fail
 ExitCode configure(const Options &options, const Printers &printers, Failure *failure) {
   RequestRow row(RequestKind::configure);
   Timing timing;
-  if (!decode_address_to_configure(options, &row, failure) || !decode_timing(options, &timing, failure)) {
+  if (!decode_address_to_configure(options, &row, failure) || !decode_timing(options, &timing, failure) ||
+      !decode_interface(options, &row, failure)) {
     return failure->code;
   }
   const std::unique_ptr<Client> client = Client::open("ipsh configuring", failure);
-  if (client == nullptr || !decode_interface_of(options, &row, failure)) return failure->code;
+  if (client == nullptr) return failure->code;
   const uint32_t status = ip_configure_address(row.iod, row.addr, row.mask_len, &row.result, 0, timing.timeout);
   row.status = status;
   row.state = status == IP_CONFIG_STATUS_DONE ? RequestState::done : RequestState::refused;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Most requests have no answer: ipd does them or it does not, and says why not in its log alone. What it did shows in
-// the shared database, so that is where the outcome is looked for; the state of an address configuration is answered.
+// Most requests have no answer: ipd does them or it does not, and says why not in its log. But it takes a process's
+// messages in their order, and tells who asks next how many it refused; and what it did shows in the shared database.
+// An address configuration is answered.
 //
 // Each ipsh registers under a name of its own, since ipd lets one process have a name.
 #include "requests.h"
@@ -14,9 +15,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <vector>
 
 #include "arguments.h"
 #include "ip_api.h"
+#include "ip_show.h"
 #include "mts.h"
 #include "mts/mts_server.h"
 #include "show_commands.h"
@@ -37,6 +40,28 @@ bool control_is_served() {
 bool may_surely_configure() {
   struct stat what {};
   return geteuid() == 0 || (stat(rsw::run_directory().c_str(), &what) == 0 && what.st_uid == geteuid());
+}
+
+// The answer to a request of the transport, copied; nothing: none came.
+std::optional<std::vector<uint8_t>> ask(uint32_t queue, ip_msg_show message) {
+  constexpr uint32_t seconds = 10;
+  mts_msg_ref_t sent = nullptr;
+  if (mts_send(queue, IP_NODE_LOCAL, IP_SAP_CONTROL, IP_OPCODE_CLIENT, &message, sizeof message, &sent, 0, nullptr) !=
+      0) {
+    return std::nullopt;
+  }
+  mts_recv_opts options{{1, 0, seconds, mts_rr_token_get(sent)}};
+  mts_msg_ref_t received = nullptr;
+  std::optional<std::vector<uint8_t>> answer;
+  if (mts_recv(queue, &received, &options) == 0) {
+    const auto *payload = static_cast<const uint8_t *>(mts_payload_get(received));
+    if (mts_is_reject(received) == 0 && payload != nullptr) {
+      answer.emplace(payload, payload + mts_payload_size(received));
+    }
+    mts_drop(queue, received);
+  }
+  mts_drop(queue, sent);
+  return answer;
 }
 
 constexpr const char *who_may = "root, ipd's own user and the group that its configuration names may do this";
@@ -144,6 +169,21 @@ Client::~Client() {
   if (queue_ != no_queue) mts_unbind(queue_, 0);
 }
 
+std::optional<bool> Client::was_refused() const {
+  const auto pid = static_cast<uint32_t>(getpid());
+  ip_msg_show message{};
+  message.header.major_type = IP_MAJOR_CLIENT;
+  message.header.minor_type = IP_MSG_SHOW_CLIENTS;
+  message.header.pid = pid;
+  message.after = pid - 1;
+  const std::optional<std::vector<uint8_t>> answer = ask(queue_, message);
+  ip_show_client entry{};
+  if (!answer || answer->size() < sizeof(ip_msg_show_reply) + sizeof entry) return std::nullopt;
+  std::memcpy(&entry, answer->data() + sizeof(ip_msg_show_reply), sizeof entry);
+  if (entry.pid != pid) return std::nullopt;
+  return entry.refused != 0;
+}
+
 bool Client::wait_until(const std::function<bool()> &holds, uint32_t seconds) const {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds slice(200);  // a database that was replaced has no generation to wait for
@@ -160,6 +200,12 @@ bool Client::wait_until(const std::function<bool()> &holds, uint32_t seconds) co
 Failure not_done(const RequestRow &row, uint32_t seconds) {
   const std::string message =
       fmt::format("{}: ipd has not done it within {} seconds: {}", to_text(row.kind), seconds, subject_text(row));
+  if (!may_surely_configure()) return {ExitCode::permission, message, who_may};
+  return {ExitCode::unavailable, message, "its log says why"};
+}
+
+Failure refused(const RequestRow &row) {
+  const std::string message = fmt::format("{}: ipd refused it: {}", to_text(row.kind), subject_text(row));
   if (!may_surely_configure()) return {ExitCode::permission, message, who_may};
   return {ExitCode::unavailable, message, "its log says why"};
 }

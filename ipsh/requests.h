@@ -53,6 +53,8 @@ class Client {
   Client &operator=(const Client &) = delete;
 
   [[nodiscard]] uint32_t queue() const { return queue_; }
+  // Whether ipd refused anything that this process sent. Nothing: ipd does not say.
+  [[nodiscard]] std::optional<bool> was_refused() const;
   // Waits until the shared database says what is asked for. False: not in so many seconds.
   [[nodiscard]] bool wait_until(const std::function<bool()> &holds, uint32_t seconds) const;
 
@@ -65,6 +67,8 @@ class Client {
 
 // Why a request that was sent is not seen in the database.
 [[nodiscard]] Failure not_done(const RequestRow &row, uint32_t seconds);
+// Why ipd refused one.
+[[nodiscard]] Failure refused(const RequestRow &row);
 // Why the library did not send one.
 [[nodiscard]] Failure not_sent(const RequestRow &row);
 

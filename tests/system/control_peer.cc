@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "ip_msg.h"
+#include "ip_show.h"
 #include "mts/mts_server.h"
 
 namespace test_support {
@@ -76,7 +77,7 @@ void ControlPeer::serve() {
     std::string request = take(message);
     mts_drop(queue_, message);
     const std::lock_guard guard(mutex_);
-    requests_.push_back(std::move(request));
+    if (!request.empty()) requests_.push_back(std::move(request));
   }
 }
 
@@ -113,6 +114,9 @@ std::string ControlPeer::take(mts_msg_ref_t message) {
       if (behaviour_.answers) answer_configuration(message);
       return "configure " + dotted_text(address.address) + "/" + std::to_string(address.mask_len) + " " +
              std::to_string(address.iod);
+    case IP_MSG_SHOW_CLIENTS:
+      show_sender(message);
+      return "";
     default:
       return "minor type " + std::to_string(minor);
   }
@@ -153,6 +157,21 @@ void ControlPeer::answer_configuration(mts_msg_ref_t message) {
   reply.status = behaviour_.status;
   reply.cfg_result = behaviour_.result;
   send(queue_, message, IP_OPCODE_CONFIGURE, reply);
+}
+
+// What ipd knows of who asks.
+void ControlPeer::show_sender(mts_msg_ref_t message) {
+  struct {
+    ip_msg_show_reply head;
+    ip_show_client entry;
+  } reply{};
+  rsw::MtsSender sender{};
+  EXPECT_TRUE(rsw::mts_sender(message, &sender));
+  reply.head.count = 1;
+  reply.head.entry_size = sizeof reply.entry;
+  reply.entry.pid = static_cast<uint32_t>(sender.pid);
+  reply.entry.refused = behaviour_.refuses ? 1 : 0;
+  EXPECT_EQ(rsw::mts_reply(queue_, message, IP_OPCODE_CLIENT, &reply, sizeof reply), 0) << std::strerror(errno);
 }
 
 }  // namespace test_support

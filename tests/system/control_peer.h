@@ -16,9 +16,10 @@
 namespace test_support {
 
 struct ControlBehaviour {
-  bool accepts = true;  // registrations
-  bool does = true;     // what is asked shows in the database
-  bool answers = true;  // address configurations
+  bool accepts = true;   // registrations
+  bool does = true;      // what is asked shows in the database
+  bool refuses = false;  // and says so
+  bool answers = true;   // address configurations
   uint8_t status = 0;
   uint32_t result = 0;
 };
@@ -41,6 +42,7 @@ class ControlPeer {
   void take_registration(mts_msg_ref_t message);
   void show_group(uint32_t group, uint32_t iod);
   void answer_configuration(mts_msg_ref_t message);
+  void show_sender(mts_msg_ref_t message);
 
   ipd::Publisher &publisher_;
   const ControlBehaviour behaviour_;

@@ -2,6 +2,8 @@
 // The commands that ask ipd to change something, against a peer in its place.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -140,6 +142,34 @@ TEST_F(IpshRequest, WhatIpdDoesNotDoIsToldWhenTheTimeIsOver) {
   EXPECT_TRUE(wait_until([&] { return peer_->saw("leave 239.1.1.1 0.0.0.0 2"); }, long_wait)) << "nothing is left";
 }
 
+TEST_F(IpshRequest, WhatIpdRefusesIsToldAtOnce) {
+  serve({.does = false, .refuses = true});
+  for (const char *line : {"join 239.1.1.1 --interface eth0", "multicast on --interface eth0",
+                           "unnumbered set --interface tun0 --from lo", "unnumbered unset --interface tun0"}) {
+    const Outcome outcome = ipsh(words_of(line));
+    EXPECT_EQ(outcome.exit_code, 3) << line;
+    EXPECT_NE(outcome.err.find("ipd refused it: "), std::string::npos) << line << ": " << outcome.err;
+    EXPECT_EQ(outcome.out, "") << line;
+  }
+}
+
+// As another user, where we may become one.
+TEST_F(IpshRequest, AUserWhoIsRefusedHearsWhoMay) {
+  serve({.does = false, .refuses = true});
+  ASSERT_EQ(chmod(run_directory_.path().c_str(), 0755), 0);
+  std::vector<std::string> command{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "true"};
+  const bool another_user = run_command(command).exit_code == 0;
+  command.pop_back();
+  if (!another_user) command.clear();
+  for (const char *word : {IPSH, "join", "239.1.1.1", "--interface", "eth0"}) command.emplace_back(word);
+  const Outcome outcome = run_command(command);
+  EXPECT_EQ(outcome.exit_code, another_user ? 4 : 3) << outcome.err;
+  EXPECT_EQ(outcome.err, std::string("ipsh: join: ipd refused it: 239.1.1.1 on eth0 (iod 2); ") +
+                             (another_user ? "root, ipd's own user and the group that its configuration names may do "
+                                             "this\n"
+                                           : "its log says why\n"));
+}
+
 TEST_F(IpshRequest, ARefusedRegistrationIsExitCode4) {
   serve({.accepts = false});
   const Outcome outcome = ipsh({"join", "239.1.1.1", "--interface", "eth0"});
@@ -180,7 +210,7 @@ TEST_F(IpshRequest, ArgumentsThatMakeNoSenseAreExitCode2) {
            {"configure", "configure: the address is missing"},
            {"configure 10.0.0.9 --interface eth0", "'10.0.0.9' is not accepted here"},
            {"configure 10.0.0.9/0 --interface eth0", "address: '10.0.0.9/0' is not accepted here"},
-           {"configure 224.0.0.1/24 --interface eth0", "address: '224.0.0.1/24' is not accepted here"},
+           {"configure 127.0.0.1/8 --interface eth0", "address: '127.0.0.1/8' is not accepted here"},
            {"unnumbered set --interface tun0", "unnumbered set: --from is missing"},
            {"unnumbered set --interface tun0 --from tun0", "--from: 'tun0' is not accepted here"},
            {"unnumbered set --interface tun0 --from eth9", "--from: 'eth9' is not accepted here"},
@@ -244,7 +274,7 @@ TEST_F(IpshRequest, QueuesAreListed) {
   EXPECT_EQ(queues[0]["sap"], 263);
   EXPECT_EQ(queues[0]["pid"], getpid());
   EXPECT_EQ(queues[0]["name"], "control peer");
-  EXPECT_EQ(queues[0]["received"], 2) << "a registration and a join";
+  EXPECT_EQ(queues[0]["received"], 3) << "a registration, a join, and whether it was refused";
   EXPECT_EQ(queues[1]["sap"], 2048);
   EXPECT_EQ(queues[1]["pid"], join.pid());
   EXPECT_EQ(queues[1]["name"], "ipsh holding");
