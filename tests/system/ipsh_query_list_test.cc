@@ -23,6 +23,9 @@ constexpr const char *transport = "moves messages of the asking process: it asks
 constexpr const char *registration = "makes the asking process known to the IP process, or undoes it";
 constexpr const char *request = "asks the IP process to change something, or for what it alone knows: no query";
 constexpr const char *if_info = "carries interfaces in messages: ipsh show interfaces has what they tell";
+constexpr const char *packet = "works on bytes that the asking process holds";
+constexpr const char *protocol_names = "names and numbers of IP protocols: they are the same on every system";
+constexpr const char *summary = "writes into a command line of its caller: ipsh show addresses has what it tells";
 constexpr const char *error_text = "shown with the answer of each query that leaves one";
 
 const std::map<std::string, std::string> no_queries{
@@ -98,6 +101,29 @@ const std::map<std::string, std::string> no_queries{
     {"ip_set_unnumbered", request},
     {"ip_unnumbered_pss_cleanup", request},
     {"ip_unset_unnumbered", request},
+    {"in_cksum", packet},
+    {"ip_build_ah_header", packet},
+    {"ip_build_header", packet},
+    {"ip_checksum", packet},
+    {"ip_copy_packet_to_buffer", packet},
+    {"ip_dump_buffer", packet},
+    {"ip_dump_buffer_buginf", packet},
+    {"ip_dump_packet", packet},
+    {"ip_get_ttl_from_packet", packet},
+    {"ip_hton_header", packet},
+    {"ip_is_mpls_oam_echo_request_packet", packet},
+    {"ip_ntoh_header", packet},
+    {"ip_packet_hdr_total_len", packet},
+    {"ip_packet_is_valid", packet},
+    {"ip_pullup_header", packet},
+    {"ip_set_df_in_packet", packet},
+    {"ip_set_ttl_in_packet", packet},
+    {"ip_verify_ah_header", packet},
+    {"udp_build_header", packet},
+    {"udp_checksum", packet},
+    {"ip_get_proto_name", protocol_names},
+    {"ip_get_proto_num", protocol_names},
+    {"ip_print_addr_summary", summary},
 };
 
 std::set<std::string> exported_functions() {
