@@ -24,6 +24,9 @@ constexpr const char *registration = "makes the asking process known to the IP p
 constexpr const char *request = "asks the IP process to change something, or for what it alone knows: no query";
 constexpr const char *if_info = "carries interfaces in messages: ipsh show interfaces has what they tell";
 constexpr const char *packet = "works on bytes that the asking process holds";
+constexpr const char *packets = "hands a packet to the IP process: no question";
+constexpr const char *own_packets =
+    "is for packets that the asking process builds: ipsh explain says which way they go";
 constexpr const char *protocol_names = "names and numbers of IP protocols: they are the same on every system";
 constexpr const char *summary = "writes into a command line of its caller: ipsh show addresses has what it tells";
 constexpr const char *error_text = "shown with the answer of each query that leaves one";
@@ -121,6 +124,24 @@ const std::map<std::string, std::string> no_queries{
     {"ip_verify_ah_header", packet},
     {"udp_build_header", packet},
     {"udp_checksum", packet},
+    {"ip_cl_consume", packets},
+    {"ip_cl_icmp_output", packets},
+    {"ip_cl_input", packets},
+    {"ip_cl_output", packets},
+    {"ip_cl_output_l2", packets},
+    {"ip_cl_output_l2_dce", packets},
+    {"ip_cl_output_l2_mvr", packets},
+    {"ip_cl_output_l2_pw", packets},
+    {"ip_cl_output_nfree", packets},
+    {"ip_cl_output_src_l2_addr", packets},
+    {"ip_dont_forward_ra_on_restart", packets},
+    {"ip_driver_send_icmp_packet", packets},
+    {"ip_driver_send_icmp_unreachable", packets},
+    {"ip_icmp_error", packets},
+    {"ip_send_replicate", packets},
+    {"ip_l3_encap", packet},
+    {"ip_local_from_remote", own_packets},
+    {"ip_packet_stats_type", own_packets},
     {"ip_get_proto_name", protocol_names},
     {"ip_get_proto_num", protocol_names},
     {"ip_print_addr_summary", summary},
