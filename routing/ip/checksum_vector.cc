@@ -72,128 +72,55 @@ bool has_fast_avx512() {
   return (b & bit_AVX512F) != 0 && (b & bit_AVX512BW) != 0 && (c & bit_AVX512VBMI2) != 0;
 }
 
-__attribute__((target("sse2"))) uint64_t sum_by_sse2(const uint8_t *from, size_t length) {
-  using Vector = Lanes<2>::Vector;
-  Vector lanes = {};
-  Vector upper = {};
-  Vector lanes2 = {};
-  Vector upper2 = {};
-  for (; length >= 4 * sizeof(Vector); from += 4 * sizeof(Vector), length -= 4 * sizeof(Vector)) {
-    Vector first;
-    Vector second;
-    Vector third;
-    Vector fourth;
-    std::memcpy(&first, from, sizeof first);
-    std::memcpy(&second, from + sizeof first, sizeof second);
-    std::memcpy(&third, from + 2 * sizeof first, sizeof third);
-    std::memcpy(&fourth, from + 3 * sizeof first, sizeof fourth);
-    lanes += first + third;
-    upper += (first >> 32) + (third >> 32);
-    lanes2 += second + fourth;
-    upper2 += (second >> 32) + (fourth >> 32);
+// One text for all, and not a template that each inlines: the compiler splits a vector's operators for the processor
+// that the template itself is compiled for, before it inlines anything.
+#define LIBIP_SUM_BY_VECTORS(name, features, count)                                                  \
+  __attribute__((target(features))) uint64_t name(const uint8_t *from, size_t length) {              \
+    using Vector = Lanes<count>::Vector;                                                             \
+    Vector lanes = {};                                                                               \
+    Vector upper = {};                                                                               \
+    Vector lanes2 = {};                                                                              \
+    Vector upper2 = {};                                                                              \
+    for (; length >= 4 * sizeof(Vector); from += 4 * sizeof(Vector), length -= 4 * sizeof(Vector)) { \
+      Vector first;                                                                                  \
+      Vector second;                                                                                 \
+      Vector third;                                                                                  \
+      Vector fourth;                                                                                 \
+      std::memcpy(&first, from, sizeof first);                                                       \
+      std::memcpy(&second, from + sizeof first, sizeof second);                                      \
+      std::memcpy(&third, from + 2 * sizeof first, sizeof third);                                    \
+      std::memcpy(&fourth, from + 3 * sizeof first, sizeof fourth);                                  \
+      lanes += first + third;                                                                        \
+      upper += (first >> 32) + (third >> 32);                                                        \
+      lanes2 += second + fourth;                                                                     \
+      upper2 += (second >> 32) + (fourth >> 32);                                                     \
+    }                                                                                                \
+    for (; length >= sizeof(Vector); from += sizeof(Vector), length -= sizeof(Vector)) {             \
+      Vector next;                                                                                   \
+      std::memcpy(&next, from, sizeof next);                                                         \
+      lanes += next;                                                                                 \
+      upper += next >> 32;                                                                           \
+    }                                                                                                \
+    const uint64_t odd = (length & 1) != 0 ? word_of_byte(from[length - 1]) : 0;                     \
+    const size_t even = length & ~size_t{1};                                                         \
+    Vector rest;                                                                                     \
+    Vector mask;                                                                                     \
+    std::memcpy(&rest, from + even - sizeof rest, sizeof rest);                                      \
+    std::memcpy(&mask, last_bytes.data() + last_bytes.size() / 2 - sizeof mask + even, sizeof mask); \
+    rest &= mask;                                                                                    \
+    lanes += lanes2 + rest;                                                                          \
+    upper += upper2 + (rest >> 32);                                                                  \
+    lanes = lanes - (upper << 32) + upper;                                                           \
+    uint64_t total = odd;                                                                            \
+    for (size_t i = 0; i < sizeof(Vector) / 8; i++) total += lanes[i];                               \
+    return total;                                                                                    \
   }
-  for (; length >= sizeof(Vector); from += sizeof(Vector), length -= sizeof(Vector)) {
-    Vector next;
-    std::memcpy(&next, from, sizeof next);
-    lanes += next;
-    upper += next >> 32;
-  }
-  const uint64_t odd = (length & 1) != 0 ? word_of_byte(from[length - 1]) : 0;
-  const size_t even = length & ~size_t{1};
-  Vector rest;
-  Vector mask;
-  std::memcpy(&rest, from + even - sizeof rest, sizeof rest);
-  std::memcpy(&mask, last_bytes.data() + last_bytes.size() / 2 - sizeof mask + even, sizeof mask);
-  rest &= mask;
-  lanes += lanes2 + rest;
-  upper += upper2 + (rest >> 32);
-  lanes = lanes - (upper << 32) + upper;
-  uint64_t total = odd;
-  for (size_t i = 0; i < sizeof(Vector) / 8; i++) total += lanes[i];
-  return total;
-}
 
-__attribute__((target("avx2"))) uint64_t sum_by_avx2(const uint8_t *from, size_t length) {
-  using Vector = Lanes<4>::Vector;
-  Vector lanes = {};
-  Vector upper = {};
-  Vector lanes2 = {};
-  Vector upper2 = {};
-  for (; length >= 4 * sizeof(Vector); from += 4 * sizeof(Vector), length -= 4 * sizeof(Vector)) {
-    Vector first;
-    Vector second;
-    Vector third;
-    Vector fourth;
-    std::memcpy(&first, from, sizeof first);
-    std::memcpy(&second, from + sizeof first, sizeof second);
-    std::memcpy(&third, from + 2 * sizeof first, sizeof third);
-    std::memcpy(&fourth, from + 3 * sizeof first, sizeof fourth);
-    lanes += first + third;
-    upper += (first >> 32) + (third >> 32);
-    lanes2 += second + fourth;
-    upper2 += (second >> 32) + (fourth >> 32);
-  }
-  for (; length >= sizeof(Vector); from += sizeof(Vector), length -= sizeof(Vector)) {
-    Vector next;
-    std::memcpy(&next, from, sizeof next);
-    lanes += next;
-    upper += next >> 32;
-  }
-  const uint64_t odd = (length & 1) != 0 ? word_of_byte(from[length - 1]) : 0;
-  const size_t even = length & ~size_t{1};
-  Vector rest;
-  Vector mask;
-  std::memcpy(&rest, from + even - sizeof rest, sizeof rest);
-  std::memcpy(&mask, last_bytes.data() + last_bytes.size() / 2 - sizeof mask + even, sizeof mask);
-  rest &= mask;
-  lanes += lanes2 + rest;
-  upper += upper2 + (rest >> 32);
-  lanes = lanes - (upper << 32) + upper;
-  uint64_t total = odd;
-  for (size_t i = 0; i < sizeof(Vector) / 8; i++) total += lanes[i];
-  return total;
-}
+LIBIP_SUM_BY_VECTORS(sum_by_sse2, "sse2", 2)
+LIBIP_SUM_BY_VECTORS(sum_by_avx2, "avx2", 4)
+LIBIP_SUM_BY_VECTORS(sum_by_avx512, "avx512f,avx512bw", 8)
 
-__attribute__((target("avx512f,avx512bw"))) uint64_t sum_by_avx512(const uint8_t *from, size_t length) {
-  using Vector = Lanes<8>::Vector;
-  Vector lanes = {};
-  Vector upper = {};
-  Vector lanes2 = {};
-  Vector upper2 = {};
-  for (; length >= 4 * sizeof(Vector); from += 4 * sizeof(Vector), length -= 4 * sizeof(Vector)) {
-    Vector first;
-    Vector second;
-    Vector third;
-    Vector fourth;
-    std::memcpy(&first, from, sizeof first);
-    std::memcpy(&second, from + sizeof first, sizeof second);
-    std::memcpy(&third, from + 2 * sizeof first, sizeof third);
-    std::memcpy(&fourth, from + 3 * sizeof first, sizeof fourth);
-    lanes += first + third;
-    upper += (first >> 32) + (third >> 32);
-    lanes2 += second + fourth;
-    upper2 += (second >> 32) + (fourth >> 32);
-  }
-  for (; length >= sizeof(Vector); from += sizeof(Vector), length -= sizeof(Vector)) {
-    Vector next;
-    std::memcpy(&next, from, sizeof next);
-    lanes += next;
-    upper += next >> 32;
-  }
-  const uint64_t odd = (length & 1) != 0 ? word_of_byte(from[length - 1]) : 0;
-  const size_t even = length & ~size_t{1};
-  Vector rest;
-  Vector mask;
-  std::memcpy(&rest, from + even - sizeof rest, sizeof rest);
-  std::memcpy(&mask, last_bytes.data() + last_bytes.size() / 2 - sizeof mask + even, sizeof mask);
-  rest &= mask;
-  lanes += lanes2 + rest;
-  upper += upper2 + (rest >> 32);
-  lanes = lanes - (upper << 32) + upper;
-  uint64_t total = odd;
-  for (size_t i = 0; i < sizeof(Vector) / 8; i++) total += lanes[i];
-  return total;
-}
+#undef LIBIP_SUM_BY_VECTORS
 
 }  // namespace libip
 
