@@ -31,6 +31,7 @@ class ControlHandlers {
 
   // It has to outlive the service from then on.
   void add_to(control::Service &service);
+  [[nodiscard]] const control::Memberships &memberships() const { return memberships_; }
 
  private:
   control::LiveBox box_;

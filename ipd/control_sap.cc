@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include "ip_api.h"
 #include "ip_show.h"
 #include "ipd/process/log.h"
 
@@ -35,7 +36,7 @@ void ControlSap::add_handlers() {
 std::unique_ptr<ControlSap> ControlSap::open(EventLoop &loop, const Configuration &configuration, std::string *reason) {
   auto watch = control::PidfdWatch::open(reason);
   if (watch == nullptr) return nullptr;
-  auto transport = control::MtsTransport::open(reason);
+  auto transport = control::MtsTransport::open(&ip_server_ctrl_mts_q, IP_SAP_CONTROL, reason);
   if (transport == nullptr) return nullptr;
   std::unique_ptr<ControlSap> made(new ControlSap(std::move(transport), std::move(watch)));
   made->configure(configuration);

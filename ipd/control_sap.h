@@ -32,6 +32,7 @@ class ControlSap {
   // For handlers that stand on more than messages; who adds one keeps it as long as this lives.
   [[nodiscard]] control::Service &service() { return service_; }
   [[nodiscard]] control::Transport &transport() { return *transport_; }
+  [[nodiscard]] control::Clients &clients() { return clients_; }
   void interfaces_changed(const std::set<uint32_t> &ifindexes) { service_.interfaces_changed(ifindexes); }
   void tick();
 

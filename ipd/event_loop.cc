@@ -50,6 +50,11 @@ bool EventLoop::watch(int descriptor, std::function<void()> ready, std::string *
   return true;
 }
 
+void EventLoop::forget(int descriptor) {
+  epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
+  watched_.erase(descriptor);
+}
+
 void EventLoop::every(std::chrono::milliseconds period, std::function<void()> tick) {
   beats_.push_back({.period = period, .next = Clock::now() + period, .tick = std::move(tick)});
 }
@@ -86,7 +91,13 @@ bool EventLoop::run(std::string *reason) {
       *reason = std::string("epoll: ") + strerror(errno);
       return false;
     }
-    for (int i = 0; i < got && !stopped_; ++i) watched_.at(events[static_cast<size_t>(i)].data.fd)();
+    for (int i = 0; i < got && !stopped_; ++i) {
+      // One that another of this round forgot is not called; a copy, because it may forget itself.
+      const auto found = watched_.find(events[static_cast<size_t>(i)].data.fd);
+      if (found == watched_.end()) continue;
+      const auto ready = found->second;
+      ready();
+    }
   }
   return true;
 }

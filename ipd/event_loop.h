@@ -22,6 +22,8 @@ class EventLoop {
 
   // `ready` runs whenever the descriptor is readable. False: *reason.
   bool watch(int descriptor, std::function<void()> ready, std::string *reason);
+  // It does not run any more; to be called before the descriptor is closed, also while it runs.
+  void forget(int descriptor);
   // `signalled` runs for each signal that arrived.
   void on_signal(std::function<void(int)> signalled) { signalled_ = std::move(signalled); }
   // `tick` runs about this often, whatever else goes on.

@@ -35,31 +35,31 @@ Request request_of(mts_msg_ref_t reference) {
 
 }  // namespace
 
-std::unique_ptr<MtsTransport> MtsTransport::open(std::string *reason) {
-  if (ip_init_mts(&ip_server_ctrl_mts_q, IP_SAP_CONTROL) == 0) {
-    *reason = "SAP " + std::to_string(IP_SAP_CONTROL) + " cannot be bound: " + strerror(errno);
+std::unique_ptr<MtsTransport> MtsTransport::open(uint32_t *queue, uint32_t sap, std::string *reason) {
+  if (ip_init_mts(queue, static_cast<int32_t>(sap)) == 0) {
+    *reason = "SAP " + std::to_string(sap) + " cannot be bound: " + strerror(errno);
     return nullptr;
   }
-  std::unique_ptr<MtsTransport> made(new MtsTransport);
-  rsw::mts_set_patience(ip_server_ctrl_mts_q, 0);
-  rsw::mts_watch_peers(ip_server_ctrl_mts_q, true);
+  std::unique_ptr<MtsTransport> made(new MtsTransport(queue));
+  rsw::mts_set_patience(*queue, 0);
+  rsw::mts_watch_peers(*queue, true);
   return made;
 }
 
 MtsTransport::~MtsTransport() {
-  mts_unbind(ip_server_ctrl_mts_q, 0);
-  ip_server_ctrl_mts_q = no_queue;
+  mts_unbind(queue_, 0);
+  queue_ = no_queue;
 }
 
 int MtsTransport::descriptor() const {
-  return mts_queue_fd(ip_server_ctrl_mts_q);
+  return mts_queue_fd(queue_);
 }
 
 MtsTransport::Reading MtsTransport::read(size_t most, const std::function<void(const Request &)> &arrived,
                                          const std::function<void(const Sender &)> &gone, std::string *reason) {
   for (size_t taken = 0; taken < most; ++taken) {
     mts_msg_ref_t reference = nullptr;
-    if (mts_recv_now(ip_server_ctrl_mts_q, &reference) < 0) {
+    if (mts_recv_now(queue_, &reference) < 0) {
       if (errno == EAGAIN) return Reading::empty;
       // The other one: somebody to whom we sent something is gone.
       if (errno == EINTR || errno == ECONNRESET) continue;
@@ -71,7 +71,7 @@ MtsTransport::Reading MtsTransport::read(size_t most, const std::function<void(c
     } else {
       arrived(request_of(reference));
     }
-    mts_drop(ip_server_ctrl_mts_q, reference);
+    mts_drop(queue_, reference);
   }
   return Reading::more;
 }
@@ -81,21 +81,31 @@ bool MtsTransport::sender_in_group(const Request &request, uint32_t gid) {
 }
 
 int MtsTransport::send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message) {
+  return send(sap, opcode, message, {});
+}
+
+int MtsTransport::send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message,
+                       std::span<const std::byte> packet) {
   mts_send_opts options{};
   options.w[0] = 1;
-  // It is only read.
+  // Both are only read.
   auto *payload = const_cast<std::byte *>(message.data());
-  return error_of(mts_send(ip_server_ctrl_mts_q, IP_NODE_LOCAL, sap, opcode, payload,
-                           static_cast<uint32_t>(message.size()), nullptr, 0, &options));
+  mts_iovec piece{.base = const_cast<std::byte *>(packet.data()), .len = static_cast<uint32_t>(packet.size())};
+  if (!packet.empty()) {
+    options.w[1] = 1;
+    mts_send_opts_set_vector(&options, &piece);
+  }
+  return error_of(mts_send(queue_, IP_NODE_LOCAL, sap, opcode, payload, static_cast<uint32_t>(message.size()), nullptr,
+                           0, &options));
 }
 
 int MtsTransport::answer(const Request &request, std::span<const std::byte> message) {
-  return error_of(rsw::mts_reply(ip_server_ctrl_mts_q, request.reference, request.opcode, message.data(),
-                                 static_cast<uint32_t>(message.size())));
+  return error_of(
+      rsw::mts_reply(queue_, request.reference, request.opcode, message.data(), static_cast<uint32_t>(message.size())));
 }
 
 int MtsTransport::reject(const Request &request) {
-  return error_of(rsw::mts_reject(ip_server_ctrl_mts_q, request.reference));
+  return error_of(rsw::mts_reject(queue_, request.reference));
 }
 
 }  // namespace ipd::control

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The queue of the control SAP.
+// A queue that ipd serves: of requests, or of packets.
 #ifndef IPD_CONTROL_MTS_TRANSPORT_H
 #define IPD_CONTROL_MTS_TRANSPORT_H
 
@@ -19,8 +19,9 @@ class MtsTransport final : public Transport {
     broken,  // the queue is no queue any more
   };
 
-  // Binds ip_server_ctrl_mts_q, and opens it: messages wait from now on. Null: *reason.
-  static std::unique_ptr<MtsTransport> open(std::string *reason);
+  // Binds the SAP, keeps the queue's handle in *queue as long as it lives, and opens it: messages wait from now on.
+  // Null: *reason.
+  static std::unique_ptr<MtsTransport> open(uint32_t *queue, uint32_t sap, std::string *reason);
   ~MtsTransport() override;
   MtsTransport(const MtsTransport &) = delete;
   MtsTransport &operator=(const MtsTransport &) = delete;
@@ -34,11 +35,15 @@ class MtsTransport final : public Transport {
   [[nodiscard]] static bool sender_in_group(const Request &request, uint32_t gid);
 
   int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message) override;
+  // The same, with a packet behind the message.
+  int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message, std::span<const std::byte> packet);
   int answer(const Request &request, std::span<const std::byte> message) override;
   int reject(const Request &request) override;
 
  private:
-  MtsTransport() = default;
+  explicit MtsTransport(uint32_t *queue) : queue_(*queue) {}
+
+  uint32_t &queue_;
 };
 
 }  // namespace ipd::control
