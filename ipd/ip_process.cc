@@ -204,6 +204,16 @@ void IpProcess::serve_clients() {
     return publisher_->commit();
   });
   handlers_->add_to(control_->service());
+  serve_packets();
+}
+
+// Nor do requests need it.
+void IpProcess::serve_packets() {
+  std::string reason;
+  packets_ = PacketSap::open(*loop_, configuration_, &reason);
+  if (packets_ == nullptr) return log_line(LOG_ERR, "no packets are taken: %s", reason.c_str());
+  packet_handlers_ = std::make_unique<PacketHandlers>(*state_, *publisher_, *loop_, *control_, *handlers_, *packets_);
+  packet_handlers_->configure(configuration_);
 }
 
 void IpProcess::publish_changes() {
@@ -306,6 +316,8 @@ void IpProcess::reload() {
     if (routes_ != nullptr) routes_->configure(configuration_);
     if (kernel_ != nullptr) publish_routes();
     if (control_ != nullptr) control_->configure(configuration_);
+    if (packets_ != nullptr) packets_->configure(configuration_);
+    if (packet_handlers_ != nullptr) packet_handlers_->configure(configuration_);
     log_line(LOG_NOTICE, "configuration read again");
   }
   notify_service_manager("READY=1");
@@ -352,6 +364,8 @@ void IpProcess::tick() {
   if (kernel_ != nullptr) publish_routes();
   publisher_->tick(now);
   if (control_ != nullptr) control_->tick();
+  if (packets_ != nullptr) packets_->tick();
+  if (packet_handlers_ != nullptr) packet_handlers_->tick();
 }
 
 int IpProcess::run() {

@@ -17,6 +17,8 @@
 #include "ipd/kernel/multicast.h"
 #include "ipd/kernel/rtnetlink.h"
 #include "ipd/options.h"
+#include "ipd/packet_handlers.h"
+#include "ipd/packet_sap.h"
 #include "ipd/process/run_lock.h"
 #include "ipd/publish/publisher.h"
 #include "ipd/route_feed.h"
@@ -57,6 +59,7 @@ class IpProcess {
   void simulate_changes();
   void go_live();
   void serve_clients();
+  void serve_packets();
   void reload();
   void tick();
   void report_losses();
@@ -76,9 +79,11 @@ class IpProcess {
   std::unique_ptr<kernel::Multicast> multicast_;
   std::optional<State> state_;
   std::optional<MulticastState> multicast_state_;
-  std::unique_ptr<ControlHandlers> handlers_;  // null: no kernel
-  std::unique_ptr<ControlSap> control_;        // null: not live yet, or the SAP cannot be had
-  uint64_t counts_told_ = 0;                   // of multicast_->counts_read()
+  std::unique_ptr<ControlHandlers> handlers_;        // null: no kernel
+  std::unique_ptr<PacketHandlers> packet_handlers_;  // null: no kernel, or one of the SAPs cannot be had
+  std::unique_ptr<ControlSap> control_;              // null: not live yet, or the SAP cannot be had
+  std::unique_ptr<PacketSap> packets_;               // likewise
+  uint64_t counts_told_ = 0;                         // of multicast_->counts_read()
   std::optional<SimulationPlan> plan_;
   std::unique_ptr<Simulation> simulation_;
   bool is_live_ = false;

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the packet service of a box that mirrors a kernel does: the handlers that need it.
+#ifndef IPD_PACKET_HANDLERS_H
+#define IPD_PACKET_HANDLERS_H
+
+#include "ipd/config.h"
+#include "ipd/control/live_box.h"
+#include "ipd/control_handlers.h"
+#include "ipd/control_sap.h"
+#include "ipd/event_loop.h"
+#include "ipd/packet_sap.h"
+
+namespace ipd {
+
+class PacketHandlers {
+ public:
+  // All of them outlive it. It has to outlive the packet service.
+  PacketHandlers(State &state, const Publisher &publisher, EventLoop &loop, ControlSap &control,
+                 ControlHandlers &requests, PacketSap &packets);
+
+  void configure(const Configuration &configuration);
+  void tick();
+
+ private:
+  control::LiveBox box_;
+};
+
+}  // namespace ipd
+
+#endif

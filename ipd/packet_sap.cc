@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+// Messages are taken some at a time, so that whoever sends many does not keep us from the kernel's events.
+#include "ipd/packet_sap.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ip_api.h"
+#include "ipd/process/log.h"
+
+namespace ipd {
+namespace {
+
+using packet::Outcome;
+
+constexpr size_t messages_in_a_row = 64;
+
+Outcome outcome_of(int error) {
+  switch (error) {
+    case 0:
+      return Outcome::done;
+    case EAGAIN:
+      return Outcome::queue_full;
+    case ECONNREFUSED:
+    case ECONNRESET:
+      return Outcome::no_receiver;
+    case ENOMEM:
+      return Outcome::no_memory;
+    default:
+      return Outcome::kernel;
+  }
+}
+
+}  // namespace
+
+PacketSap::PacketSap(std::unique_ptr<control::MtsTransport> transport)
+    : transport_(std::move(transport)),
+      rights_(geteuid(), control::MtsTransport::sender_in_group),
+      service_(references_,
+               [this](const control::Request &message) { return rights_.allows(message, control::Right::configure); }) {
+}
+
+std::unique_ptr<PacketSap> PacketSap::open(EventLoop &loop, const Configuration &configuration, std::string *reason) {
+  auto transport = control::MtsTransport::open(&ip_server_data_mts_q, IP_SAP_PACKET, reason);
+  if (transport == nullptr) return nullptr;
+  std::unique_ptr<PacketSap> made(new PacketSap(std::move(transport)));
+  made->configure(configuration);
+  PacketSap *self = made.get();
+  if (!loop.watch(
+          self->transport_->descriptor(), [self] { self->read(); }, reason))
+    return nullptr;
+  return made;
+}
+
+void PacketSap::configure(const Configuration &configuration) {
+  rights_.configure(configuration.read_group, configuration.configure_group);
+}
+
+void PacketSap::read() {
+  if (broken_) return;
+  std::string reason;
+  const auto reading = transport_->read(
+      messages_in_a_row, [this](const control::Request &message) { service_.receive(message); },
+      [this](const control::Sender &sender) { service_.process_gone(sender.pid); }, &reason);
+  broken_ = reading == control::MtsTransport::Reading::broken;
+  if (broken_) log_line(LOG_ERR, "packets of clients are taken no more: %s", reason.c_str());
+}
+
+Outcome PacketSap::PoolReferences::take(uint32_t reference, int32_t pid, std::span<std::byte> into, size_t *length) {
+  (void)reference, (void)pid, (void)into, (void)length;
+  return Outcome::bad_reference;
+}
+
+// By reference only where the pool can be had; a client looks at packet_ref in either case.
+Outcome PacketSap::hand_over(const packet::Receiver &receiver, std::span<std::byte> message,
+                             std::span<const std::byte> packet) {
+  return outcome_of(transport_->send(receiver.sap, IP_OPCODE_PACKET, message, packet));
+}
+
+Outcome PacketSap::deliver(const packet::Receiver &receiver, std::span<std::byte> message,
+                           std::span<const std::byte> packet) {
+  const Outcome outcome = hand_over(receiver, message, packet);
+  uint32_t iod = 0;
+  std::memcpy(&iod, message.data() + offsetof(ip_msg_input, iod), sizeof iod);
+  service_.delivered(receiver.pid, iod, outcome, packet);
+  return outcome;
+}
+
+}  // namespace ipd
