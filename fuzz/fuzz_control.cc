@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "input.h"
 #include "ip_show.h"
 #include "ipd/control/addresses.h"
 #include "ipd/control/downloads.h"
@@ -41,29 +42,7 @@ void check(bool good) {
   if (!good) abort();
 }
 
-class Input {
- public:
-  Input(const uint8_t *data, size_t size) : rest_(data, size) {}
-  [[nodiscard]] bool empty() const { return rest_.empty(); }
-  uint8_t byte() {
-    if (rest_.empty()) return 0;
-    const uint8_t value = rest_[0];
-    rest_ = rest_.subspan(1);
-    return value;
-  }
-  uint32_t word() { return byte() | (uint32_t{byte()} << 8) | (uint32_t{byte()} << 16) | (uint32_t{byte()} << 24); }
-  // Zeros where the input has no more.
-  std::vector<std::byte> bytes(size_t count) {
-    std::vector<std::byte> taken(count);
-    const size_t there = count < rest_.size() ? count : rest_.size();
-    if (there != 0) std::memcpy(taken.data(), rest_.data(), there);
-    rest_ = rest_.subspan(there);
-    return taken;
-  }
-
- private:
-  std::span<const uint8_t> rest_;
-};
+using fuzz::Input;
 
 class CheckedTransport final : public Transport {
  public:

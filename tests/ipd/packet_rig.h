@@ -56,6 +56,13 @@ inline Bytes ipv4_packet(size_t size, uint8_t protocol = 89) {
   return packet;
 }
 
+// A client's header in front of a message.
+inline void begin(Bytes &message, uint16_t minor) {
+  const uint16_t major = IP_MAJOR_CLIENT;
+  std::memcpy(message.data(), &major, sizeof major);
+  std::memcpy(message.data() + sizeof major, &minor, sizeof minor);
+}
+
 // The message of that minor type and record, about a packet of so many bytes.
 template <class Record>
 Record begin_message(uint16_t minor, size_t length) {

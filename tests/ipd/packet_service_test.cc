@@ -10,9 +10,7 @@ using namespace packet_rig;
 // The message of a row, whatever its record, about a packet of so many bytes.
 Bytes message_of(const MessageKind &kind, size_t length) {
   Bytes message(kind.size);
-  const uint16_t major = IP_MAJOR_CLIENT;
-  std::memcpy(message.data(), &major, sizeof major);
-  std::memcpy(message.data() + 2, &kind.minor, sizeof kind.minor);
+  begin(message, kind.minor);
   const auto packet_len = static_cast<uint16_t>(length);
   if (kind.has_packet) std::memcpy(message.data() + kind.length_at, &packet_len, sizeof packet_len);
   return message;
