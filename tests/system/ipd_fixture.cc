@@ -3,6 +3,7 @@
 
 #include <net/if.h>
 
+#include <cstdlib>
 #include <fstream>
 
 #include "im.h"
@@ -14,7 +15,8 @@ namespace ipd_test {
 using test_support::wait_until;
 
 std::vector<std::string> ipd_command(const std::vector<std::string> &arguments) {
-  std::vector<std::string> command{IPD};
+  const char *other = getenv("LIBIP_TEST_IPD");
+  std::vector<std::string> command{other != nullptr ? other : IPD};
   command.insert(command.end(), arguments.begin(), arguments.end());
   return command;
 }

@@ -15,7 +15,7 @@
 
 namespace ipd_test {
 
-// The command line of ipd.
+// The command line of ipd: the one that was built beside the test, or of LIBIP_TEST_IPD.
 std::vector<std::string> ipd_command(const std::vector<std::string> &arguments);
 
 class IpdTest : public ::testing::Test {

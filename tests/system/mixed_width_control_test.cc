@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A 32-bit and a 64-bit client ask one ipd for the same things, and are served alike.
+// A 32-bit and a 64-bit client ask one ipd, of either width, for the same things, and are served alike.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "both_widths.h"
 #include "support/network_namespace.h"
 #include "support/process.h"
 #include "support/run_directory.h"
@@ -18,7 +19,8 @@ using test_support::Process;
 using test_support::run;
 using test_support::wait_until;
 
-const std::string native = NATIVE_BIN;
+using both_widths::Ipd;
+using both_widths::native;
 constexpr auto patience = std::chrono::seconds(60);
 
 void ip(const std::string &words, std::string *output) {
@@ -38,7 +40,7 @@ struct Width {
   std::string group;   // as the kernel writes it
 };
 
-class MixedWidthControl : public testing::Test {
+class MixedWidthControl : public testing::TestWithParam<Ipd> {
  protected:
   void SetUp() override {
     ASSERT_EQ(access((native + "/control_client").c_str(), X_OK), 0) << "build preset native first";
@@ -47,7 +49,7 @@ class MixedWidthControl : public testing::Test {
     ASSERT_TRUE(test_support::enter_network_namespace(&reason)) << reason;
     ip("link add ib type ifb", &output);
     ip("link set ib up", &output);
-    ipd_ = Process({native + "/ipd", "--foreground"});
+    ipd_ = Process({GetParam().path, "--foreground"});
     ASSERT_TRUE(
         wait_until([this] { return ipd_.output().find("live:") != std::string::npos || !ipd_.running(); }, patience));
     ASSERT_TRUE(ipd_.running()) << ipd_.output();
@@ -71,7 +73,7 @@ class MixedWidthControl : public testing::Test {
                                    {"64 bits", native + "/control_client", "64", "400201EF"}};
 };
 
-TEST_F(MixedWidthControl, BothWidthsRegisterConfigureJoinAndLeave) {
+TEST_P(MixedWidthControl, BothWidthsRegisterConfigureJoinAndLeave) {
   std::vector<std::string> said;
   for (const Width &width : widths_) {
     const std::string group = "239.1.2." + width.number;
@@ -90,7 +92,7 @@ TEST_F(MixedWidthControl, BothWidthsRegisterConfigureJoinAndLeave) {
   EXPECT_EQ(said[1], said[0]);
 }
 
-TEST_F(MixedWidthControl, ANameIsTakenForTheOtherWidthToo) {
+TEST_P(MixedWidthControl, ANameIsTakenForTheOtherWidthToo) {
   for (size_t i = 0; i < 2; ++i) {
     Process first = client(widths_[i], "attach register a-client 1 hold");
     ASSERT_TRUE(holds(first)) << first.output();
@@ -103,5 +105,7 @@ TEST_F(MixedWidthControl, ANameIsTakenForTheOtherWidthToo) {
     EXPECT_NE(third.output().find("register 1\nderegister 1"), std::string::npos) << third.output();
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Both, MixedWidthControl, testing::ValuesIn(both_widths::ipds()), both_widths::name_of);
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "both_widths.h"
 #include "support/network_namespace.h"
 #include "support/process.h"
 #include "support/run_directory.h"
@@ -19,9 +20,10 @@ namespace {
 using test_support::Process;
 using test_support::run;
 
-const std::string native = NATIVE_BIN;
+using both_widths::Ipd;
+using both_widths::native;
 
-class MixedWidthInformation : public testing::Test {
+class MixedWidthInformation : public testing::TestWithParam<Ipd> {
  protected:
   void SetUp() override {
     ASSERT_EQ(access((native + "/information_client").c_str(), X_OK), 0) << "build preset native first";
@@ -37,7 +39,7 @@ class MixedWidthInformation : public testing::Test {
     }
     ip("addr add 10.1.0.1/24 dev va");
     ip("neigh add 10.1.0.2 lladdr 02:00:00:00:00:02 dev va");
-    ipd_ = Process({native + "/ipd", "--foreground"});
+    ipd_ = Process({GetParam().path, "--foreground"});
     ASSERT_TRUE(
         test_support::wait_until([this] { return ipd_.output().find("live:") != std::string::npos || !ipd_.running(); },
                                  std::chrono::seconds(60)));
@@ -60,7 +62,7 @@ class MixedWidthInformation : public testing::Test {
   Process ipd_;
 };
 
-TEST_F(MixedWidthInformation, BothWidthsAreToldOfTheSameInterfaces) {
+TEST_P(MixedWidthInformation, BothWidthsAreToldOfTheSameInterfaces) {
   const std::string wide = said_by(native + "/information_client", {"once"});
   const std::string narrow = said_by(INFORMATION_CLIENT, {"once"});
   EXPECT_EQ(wide, narrow);
@@ -69,7 +71,7 @@ TEST_F(MixedWidthInformation, BothWidthsAreToldOfTheSameInterfaces) {
   EXPECT_TRUE(narrow.ends_with("end\n")) << narrow;
 }
 
-TEST_F(MixedWidthInformation, BothWidthsAreAnsweredTheSame64BitCounters) {
+TEST_P(MixedWidthInformation, BothWidthsAreAnsweredTheSame64BitCounters) {
   const std::vector<char> payload(65507);
   const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_in to{};
@@ -88,5 +90,7 @@ TEST_F(MixedWidthInformation, BothWidthsAreAnsweredTheSame64BitCounters) {
   EXPECT_EQ(wide, narrow);
   EXPECT_NE(narrow.find("\n3 " + std::to_string(sent) + "\n"), std::string::npos) << narrow;
 }
+
+INSTANTIATE_TEST_SUITE_P(Both, MixedWidthInformation, testing::ValuesIn(both_widths::ipds()), both_widths::name_of);
 
 }  // namespace

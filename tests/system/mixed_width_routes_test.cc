@@ -8,6 +8,7 @@
 #include <random>
 #include <string>
 
+#include "both_widths.h"
 #include "support/kernel_routes.h"
 #include "support/network_namespace.h"
 #include "support/peer_namespace.h"
@@ -21,11 +22,12 @@ using test_support::Process;
 using test_support::run_ip;
 using test_support::wait_until;
 
-const std::string native = NATIVE_BIN;
+using both_widths::Ipd;
+using both_widths::native;
 constexpr int destinations = 1000;
 constexpr unsigned seed = 3232;
 
-class MixedWidthRoutes : public testing::Test {
+class MixedWidthRoutes : public testing::TestWithParam<Ipd> {
  protected:
   void SetUp() override {
     ASSERT_EQ(access((native + "/route_client").c_str(), X_OK), 0) << "build preset native first: " << native;
@@ -48,7 +50,7 @@ class MixedWidthRoutes : public testing::Test {
   }
 
   void start_ipd() {
-    ipd_ = Process({native + "/ipd", "--foreground"});
+    ipd_ = Process({GetParam().path, "--foreground"});
     ASSERT_TRUE(wait_until([this] { return ipd_.output().find("live:") != std::string::npos || !ipd_.running(); }));
     ASSERT_TRUE(ipd_.running()) << ipd_.output();
   }
@@ -81,7 +83,7 @@ std::string first_line(const std::string &text) {
   return text.substr(0, text.find('\n'));
 }
 
-TEST_F(MixedWidthRoutes, BothWidthsFindTheSameWays) {
+TEST_P(MixedWidthRoutes, BothWidthsFindTheSameWays) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::string wide;
   EXPECT_TRUE(wait_until([&] {
@@ -103,7 +105,7 @@ TEST_F(MixedWidthRoutes, BothWidthsFindTheSameWays) {
   EXPECT_EQ(answers(ROUTE_CLIENT), wide);
 }
 
-TEST_F(MixedWidthRoutes, ANarrowClientFindsTheSameWaysWhileTheWideIpdIsKilledAndStartedAgain) {
+TEST_P(MixedWidthRoutes, ANarrowClientFindsTheSameWaysWhileIpdIsKilledAndStartedAgain) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   const std::string before = answers(ROUTE_CLIENT);
   EXPECT_NE(before.find("source 0a010001"), std::string::npos) << first_line(before);
@@ -114,5 +116,7 @@ TEST_F(MixedWidthRoutes, ANarrowClientFindsTheSameWaysWhileTheWideIpdIsKilledAnd
     EXPECT_EQ(answers(ROUTE_CLIENT), before) << "what the new one found";
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Both, MixedWidthRoutes, testing::ValuesIn(both_widths::ipds()), both_widths::name_of);
 
 }  // namespace
