@@ -183,12 +183,43 @@ constexpr std::array<const char *, IP_SHOW_OUTCOMES> outcome_names{
     "done",         "too-short",   "too-long",   "wrong-major",    "unknown", "wrong-opcode", "bad-field",
     "no-interface", "not-allowed", "name-taken", "not-registered", "limit",   "kernel",       "no-answer"};
 
+constexpr std::array<const char *, IP_SHOW_PACKET_OUTCOMES> packet_outcome_names{
+    "done",          "too-short",  "too-long",     "wrong-major", "unknown",      "wrong-opcode", "not-allowed",
+    "bad-reference", "bad-length", "bad-packet",   "bad-field",   "no-context",   "no-interface", "interface-down",
+    "no-route",      "no-source",  "no-neighbor",  "too-big",     "not-eligible", "rate-limited", "no-member",
+    "no-receiver",   "queue-full", "no-privilege", "no-memory",   "kernel"};
+
+uint64_t count_of(const uint32_t (&words)[2]) {
+  return words[0] | (uint64_t{words[1]} << 32);
+}
+
+// All entries of a listing, from a queue of its own.
+template <class Entry>
+std::optional<std::vector<Entry>> read_listing(uint16_t minor, Failure *failure) {
+  const AskingQueue queue;
+  if (!queue.bound()) {
+    *failure = why_not(fmt::format("no message queue in {}", rsw::run_directory()), errno);
+    return std::nullopt;
+  }
+  return read_all<Entry>(queue.handle(), minor, failure);
+}
+
 }  // namespace
 
 uint64_t MessageRow::refused() const {
   uint64_t sum = 0;
   for (size_t i = IP_SHOW_DONE + 1; i < counts.size(); ++i) sum += counts[i];
   return sum;
+}
+
+uint64_t PacketRow::refused() const {
+  uint64_t sum = 0;
+  for (size_t i = IP_SHOW_PACKET_DONE + 1; i < counts.size(); ++i) sum += counts[i];
+  return sum;
+}
+
+const char *packet_outcome_name(size_t outcome) {
+  return outcome < packet_outcome_names.size() ? packet_outcome_names[outcome] : "unknown-outcome";
 }
 
 const char *outcome_name(size_t outcome) {
@@ -215,19 +246,28 @@ std::vector<ClientRow> read_clients(Failure *failure) {
 }
 
 std::optional<std::vector<MessageRow>> read_messages(Failure *failure) {
-  const AskingQueue queue;
-  if (!queue.bound()) {
-    *failure = why_not(fmt::format("no message queue in {}", rsw::run_directory()), errno);
-    return std::nullopt;
-  }
-  const auto entries = read_all<ip_show_message>(queue.handle(), IP_MSG_SHOW_MESSAGES, failure);
+  const auto entries = read_listing<ip_show_message>(IP_MSG_SHOW_MESSAGES, failure);
   if (!entries) return std::nullopt;
   std::vector<MessageRow> rows;
   for (const ip_show_message &entry : *entries) {
     MessageRow row{.minor = entry.minor, .name = text_of(entry.name)};
-    for (size_t i = 0; i < row.counts.size(); ++i) {
-      row.counts[i] = entry.counts[i][0] | (uint64_t{entry.counts[i][1]} << 32);
-    }
+    for (size_t i = 0; i < row.counts.size(); ++i) row.counts[i] = count_of(entry.counts[i]);
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+std::optional<std::vector<PacketRow>> read_packets(Failure *failure) {
+  const auto entries = read_listing<ip_show_packets>(IP_MSG_SHOW_PACKETS, failure);
+  if (!entries) return std::nullopt;
+  std::vector<PacketRow> rows;
+  for (const ip_show_packets &entry : *entries) {
+    PacketRow row{.minor = entry.minor,
+                  .name = text_of(entry.name),
+                  .to_client = entry.direction == IP_SHOW_TO_CLIENT,
+                  .received = count_of(entry.received),
+                  .bytes = count_of(entry.bytes)};
+    for (size_t i = 0; i < row.counts.size(); ++i) row.counts[i] = count_of(entry.counts[i]);
     rows.push_back(std::move(row));
   }
   return rows;

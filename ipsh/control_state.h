@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What ipd's control service says of its clients and their messages, and which processes read the shared database.
+// What ipd's control service says of its clients, their messages and packets, and which processes read the shared
+// database.
 #ifndef IPSH_CONTROL_STATE_H
 #define IPSH_CONTROL_STATE_H
 
@@ -51,10 +52,25 @@ struct MessageRow {
 // The name of an outcome, as a member of an object; for people, its dashes are blanks.
 [[nodiscard]] const char *outcome_name(size_t outcome);
 
+struct PacketRow {
+  uint32_t minor = 0;  // of the message; 0: messages of no kind that is known
+  std::string name;
+  bool to_client = false;                                  // else from one
+  uint64_t received = 0;                                   // messages
+  uint64_t bytes = 0;                                      // of their packets
+  std::array<uint64_t, IP_SHOW_PACKET_OUTCOMES> counts{};  // by IP_SHOW_PACKET_...
+  [[nodiscard]] uint64_t refused() const;
+};
+
+// The same for an outcome of packets; one that ipd has and this ipsh does not know: "unknown-outcome".
+[[nodiscard]] const char *packet_outcome_name(size_t outcome);
+
 // By process, ipsh itself left out. Where ipd cannot be asked, those that read the database, and *failure says why.
 [[nodiscard]] std::vector<ClientRow> read_clients(Failure *failure);
 // By minor type. Nothing: *failure.
 [[nodiscard]] std::optional<std::vector<MessageRow>> read_messages(Failure *failure);
+// The same of packets, deliveries last.
+[[nodiscard]] std::optional<std::vector<PacketRow>> read_packets(Failure *failure);
 
 }  // namespace ipsh
 

@@ -64,6 +64,12 @@ Json refusals(const MessageRow &row) {
   return object;
 }
 
+Json packet_refusals(const PacketRow &row) {
+  Json object = Json::object();
+  for (size_t i = IP_SHOW_PACKET_DONE + 1; i < row.counts.size(); ++i) object[packet_outcome_name(i)] = row.counts[i];
+  return object;
+}
+
 }  // namespace
 
 Json address_or_null(uint32_t addr) {
@@ -185,6 +191,21 @@ JsonForm<MessageRow> json_form() {
       {"refused", refusals},
   }};
   return {"messages", "messages", members};
+}
+
+template <>
+JsonForm<PacketRow> json_form() {
+  using Row = PacketRow;
+  static constexpr std::array<JsonMember<Row>, 7> members{{
+      {"type", [](const Row &row) { return number_or_null(row.minor); }},
+      {"name", [](const Row &row) { return Json(row.name); }},
+      {"direction", [](const Row &row) { return Json(row.to_client ? "to-client" : "from-client"); }},
+      {"messages", [](const Row &row) { return Json(row.received); }},
+      {"bytes", [](const Row &row) { return Json(row.bytes); }},
+      {"done", [](const Row &row) { return Json(row.counts[IP_SHOW_PACKET_DONE]); }},
+      {"refused", packet_refusals},
+  }};
+  return {"packets", "packets", members};
 }
 
 template <>

@@ -49,6 +49,8 @@ JsonForm<ClientRow> json_form();
 template <>
 JsonForm<MessageRow> json_form();
 template <>
+JsonForm<PacketRow> json_form();
+template <>
 JsonForm<rsw::MtsQueueUse> json_form();
 template <>
 JsonForm<RouteRow> json_form();

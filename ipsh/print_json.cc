@@ -218,6 +218,7 @@ const Printers json_printers{
     .memory = list<rsw::MemoryUse>,
     .clients = list<ClientRow>,
     .messages = list<MessageRow>,
+    .packets = list<PacketRow>,
     .queues = list<rsw::MtsQueueUse>,
     .routes = routes,
     .vips = list<VipRow>,

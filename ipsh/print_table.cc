@@ -185,6 +185,7 @@ const Printers table_printers{
     .memory = list<rsw::MemoryUse>,
     .clients = list<ClientRow>,
     .messages = list<MessageRow>,
+    .packets = list<PacketRow>,
     .queues = list<rsw::MtsQueueUse>,
     .routes = routes,
     .vips = list<VipRow>,

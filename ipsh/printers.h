@@ -30,6 +30,7 @@ struct Printers {
   void (*memory)(const std::vector<rsw::MemoryUse> &rows);
   void (*clients)(const std::vector<ClientRow> &rows);
   void (*messages)(const std::vector<MessageRow> &rows);
+  void (*packets)(const std::vector<PacketRow> &rows);
   void (*queues)(const std::vector<rsw::MtsQueueUse> &rows);
   void (*routes)(const RouteListing &listing);
   void (*vips)(const std::vector<VipRow> &rows);

@@ -93,6 +93,13 @@ ExitCode show_messages(const Options &, const Printers &printers, Failure *failu
   return ExitCode::found;
 }
 
+ExitCode show_packets(const Options &, const Printers &printers, Failure *failure) {
+  const auto rows = read_packets(failure);
+  if (!rows) return failure->code;
+  printers.packets(*rows);
+  return ExitCode::found;
+}
+
 // Queues are there without a database too; without either there is no system.
 ExitCode show_queues(const Options &, const Printers &printers, Failure *failure) {
   const std::vector<rsw::MtsQueueUse> rows = rsw::mts_queues();
@@ -181,7 +188,7 @@ struct Listing {
   ExitCode (*run)(const Options &, const Printers &, Failure *);
 };
 
-constexpr std::array<Listing, 13> listings{{
+constexpr std::array<Listing, 14> listings{{
     {"contexts", "routing contexts (VRFs): id, name, route table, router id", 0, "ipsh show contexts", show_contexts},
     {"interfaces", "interfaces: state, MTU, primary address, flags", by_context | by_interface,
      "ipsh show interfaces\n  ipsh show interfaces --context red --json", show_interfaces},
@@ -206,6 +213,9 @@ constexpr std::array<Listing, 13> listings{{
     {"messages", "messages to ipd's control service: done and refused, by kind", 0,
      "ipsh show messages\n  ipsh show messages --json | jq '.messages[] | select(.name == \"register\")'",
      show_messages},
+    {"packets", "packets from and to clients: done and refused, by kind of message", 0,
+     "ipsh show packets\n  ipsh show packets --json | jq '.packets[] | select(.name == \"output\") | .refused'",
+     show_packets},
     {"queues", "message queues of all processes: what waits in them, what came and went", 0,
      "ipsh show queues\n  ipsh show queues --json | jq '.queues[] | select(.sap == 263)'", show_queues},
     {"system", "ipd, the supervisor state and the shared database", 0, "ipsh show system", show_system},

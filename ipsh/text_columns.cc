@@ -53,13 +53,15 @@ std::string registrations_text(const ClientRow &row) {
 }
 
 // "too-short:2,not-allowed:1".
-std::string why_text(const MessageRow &row) {
+template <size_t Size>
+std::string why_text(const std::array<uint64_t, Size> &counts, const char *(*name)(size_t outcome)) {
   std::string text;
-  for (size_t i = IP_SHOW_DONE + 1; i < row.counts.size(); ++i) {
-    if (row.counts[i] != 0) text += fmt::format("{}{}:{}", text.empty() ? "" : ",", outcome_name(i), row.counts[i]);
+  for (size_t i = 1; i < Size; ++i) {
+    if (counts[i] != 0) text += fmt::format("{}{}:{}", text.empty() ? "" : ",", name(i), counts[i]);
   }
   return or_dash(text);
 }
+static_assert(IP_SHOW_DONE == 0 && IP_SHOW_PACKET_DONE == 0);
 
 }  // namespace
 
@@ -178,8 +180,24 @@ std::span<const TextColumn<MessageRow>> text_columns() {
       {"TYPE", right, [](const MessageRow &row) { return row.minor == 0 ? "-" : number_text(row.minor); }},
       {"DONE", right, [](const MessageRow &row) { return number_text(row.counts[IP_SHOW_DONE]); }},
       {"REFUSED", right, [](const MessageRow &row) { return number_text(row.refused()); }},
-      {"WHY", left, why_text},
+      {"WHY", left, [](const MessageRow &row) { return why_text(row.counts, outcome_name); }},
       {"MESSAGE", left, [](const MessageRow &row) { return or_dash(row.name); }},
+  }};
+  return columns;
+}
+
+template <>
+std::span<const TextColumn<PacketRow>> text_columns() {
+  static constexpr std::array<TextColumn<PacketRow>, 8> columns{{
+      {"TYPE", right, [](const PacketRow &row) { return row.minor == 0 ? "-" : number_text(row.minor); }},
+      {"CLIENTS", left, [](const PacketRow &row) -> std::string { return row.to_client ? "to" : "from"; }},
+      {"MESSAGES", right, [](const PacketRow &row) { return number_text(row.received); }},
+      {"BYTES", right, [](const PacketRow &row) { return number_text(row.bytes); }},
+      {"DONE", right, [](const PacketRow &row) { return number_text(row.counts[IP_SHOW_PACKET_DONE]); }},
+      {"REFUSED", right, [](const PacketRow &row) { return number_text(row.refused()); }},
+      {"WHY", left, [](const PacketRow &row) { return why_text(row.counts, packet_outcome_name); }},
+      // Names have blanks inside: the last column.
+      {"MESSAGE", left, [](const PacketRow &row) { return or_dash(row.name); }},
   }};
   return columns;
 }

@@ -41,6 +41,8 @@ std::span<const TextColumn<ClientRow>> text_columns();
 template <>
 std::span<const TextColumn<MessageRow>> text_columns();
 template <>
+std::span<const TextColumn<PacketRow>> text_columns();
+template <>
 std::span<const TextColumn<rsw::MtsQueueUse>> text_columns();
 template <>
 std::span<const TextColumn<RouteRow>> text_columns();

@@ -60,6 +60,14 @@ constexpr std::array kinds{
     show(IP_MSG_SHOW_CLIENTS, "show clients"),
     show(IP_MSG_SHOW_REGISTRATIONS, "show registrations"),
     show(IP_MSG_SHOW_MESSAGES, "show messages"),
+    show(IP_MSG_SHOW_PACKETS, "show packets"),
+    // Packets are as good as what they carry.
+    MessageKind{.minor = IP_MSG_CAPTURE,
+                .name = "capture",
+                .opcode = IP_OPCODE_CLIENT,
+                .least_size = sizeof(ip_msg_capture),
+                .most_size = sizeof(ip_msg_capture),
+                .right = Right::configure},
 };
 static_assert(std::ranges::is_sorted(kinds, {}, &MessageKind::minor));
 

@@ -2,17 +2,15 @@
 #include "ipd/control/show.h"
 
 #include <algorithm>
-#include <cstring>
-#include <string_view>
 #include <vector>
 
 #include "ip_show.h"
-#include "ipd/control/reply.h"
+#include "ipd/control/show_page.h"
 
 namespace ipd::control {
 namespace {
 
-constexpr size_t room = IP_MAX_IPC_PAYLOAD - sizeof(ip_msg_show_reply);
+constexpr size_t room = show_room;
 
 static_assert(refusal_count == IP_SHOW_OUTCOMES);
 static_assert(static_cast<uint32_t>(Refusal::none) == IP_SHOW_DONE);
@@ -29,12 +27,6 @@ static_assert(static_cast<uint32_t>(Refusal::not_registered) == IP_SHOW_NOT_REGI
 static_assert(static_cast<uint32_t>(Refusal::limit) == IP_SHOW_LIMIT);
 static_assert(static_cast<uint32_t>(Refusal::kernel) == IP_SHOW_KERNEL);
 static_assert(static_cast<uint32_t>(Refusal::no_answer) == IP_SHOW_NO_ANSWER);
-
-// The field is all zeros, and keeps one.
-template <size_t Size>
-void copy_text(char (&field)[Size], std::string_view text) {
-  std::memcpy(field, text.data(), std::min(text.size(), Size - 1));
-}
 
 std::vector<ip_show_client> clients_after(const Service &service, uint32_t after) {
   std::vector<ip_show_client> entries;
@@ -72,8 +64,8 @@ std::vector<ip_show_registration> registrations_after(const Clients &clients, ui
     entry.data_sap = registration.data_sap;
     entry.flags = registration.flags;
     entry.reg_key = registration.key;
-    copy_text(entry.name, registration.name);
-    copy_text(entry.recv_fn, registration.receive_function);
+    copy_show_text(entry.name, registration.name);
+    copy_show_text(entry.recv_fn, registration.receive_function);
     entries.push_back(entry);
   }
   return entries;
@@ -87,29 +79,11 @@ std::vector<ip_show_message> messages_after(const Service &service, uint32_t aft
     if (entry.order <= after) continue;
     entry.minor = minor;
     const MessageKind *kind = find_message(minor);
-    copy_text(entry.name, kind == nullptr ? "others" : kind->name);
-    for (size_t i = 0; i < refusal_count; ++i) {
-      entry.counts[i][0] = static_cast<uint32_t>(counts.by_outcome[i]);
-      entry.counts[i][1] = static_cast<uint32_t>(counts.by_outcome[i] >> 32);
-    }
+    copy_show_text(entry.name, kind == nullptr ? "others" : kind->name);
+    for (size_t i = 0; i < refusal_count; ++i) set_show_count(entry.counts[i], counts.by_outcome[i]);
     entries.push_back(entry);
   }
   return entries;
-}
-
-// One entry more than fits says that there are more.
-template <class Entry>
-Refusal answer(Transport &transport, const Request &request, const std::vector<Entry> &entries) {
-  const size_t count = std::min(entries.size(), room / sizeof(Entry));
-  ip_msg_show_reply reply{};
-  reply.header = reply_header(request.minor);
-  reply.count = static_cast<uint32_t>(count);
-  reply.entry_size = sizeof(Entry);
-  reply.more = entries.size() > count ? 1 : 0;
-  std::vector<std::byte> message(sizeof reply + count * sizeof(Entry));
-  std::memcpy(message.data(), &reply, sizeof reply);
-  if (count != 0) std::memcpy(message.data() + sizeof reply, entries.data(), count * sizeof(Entry));
-  return transport.answer(request, message) == 0 ? Refusal::none : Refusal::no_answer;
 }
 
 }  // namespace
@@ -120,11 +94,11 @@ Refusal Show::handle(const Request &request) {
   const uint32_t after = request.as<ip_msg_show>().after;
   switch (request.minor) {
     case IP_MSG_SHOW_CLIENTS:
-      return answer(transport_, request, clients_after(service_, after));
+      return answer_page(transport_, request, clients_after(service_, after));
     case IP_MSG_SHOW_REGISTRATIONS:
-      return answer(transport_, request, registrations_after(clients_, after));
+      return answer_page(transport_, request, registrations_after(clients_, after));
     default:
-      return answer(transport_, request, messages_after(service_, after));
+      return answer_page(transport_, request, messages_after(service_, after));
   }
 }
 
