@@ -8,6 +8,8 @@
 #include "ipd/control_handlers.h"
 #include "ipd/control_sap.h"
 #include "ipd/event_loop.h"
+#include "ipd/packet/capture.h"
+#include "ipd/packet/show.h"
 #include "ipd/packet_sap.h"
 
 namespace ipd {
@@ -23,6 +25,8 @@ class PacketHandlers {
 
  private:
   control::LiveBox box_;
+  packet::Show show_;
+  packet::Capture capture_;
 };
 
 }  // namespace ipd

@@ -259,7 +259,14 @@ std::optional<std::vector<MessageRow>> read_messages(Failure *failure) {
 
 std::optional<std::vector<PacketRow>> read_packets(Failure *failure) {
   const auto entries = read_listing<ip_show_packets>(IP_MSG_SHOW_PACKETS, failure);
-  if (!entries) return std::nullopt;
+  if (!entries) {
+    // Its control service may be all that it has.
+    Failure other;
+    if (failure->code == ExitCode::permission && read_messages(&other)) {
+      *failure = {ExitCode::unavailable, "ipd takes no packets", "its log says why; one that simulates never does"};
+    }
+    return std::nullopt;
+  }
   std::vector<PacketRow> rows;
   for (const ip_show_packets &entry : *entries) {
     PacketRow row{.minor = entry.minor,

@@ -30,7 +30,7 @@ TEST_F(IpshWithoutIpd, CompletionOffersTheCommandsOfALevel) {
   EXPECT_EQ(completions({"s"}), "show system ");
   EXPECT_EQ(
       completions({"show", ""}),
-      "addresses clients contexts counters groups interfaces memory messages queues router-id routes system vips ");
+      "addresses clients contexts counters groups interfaces memory messages packets queues router-id routes system vips ");
   EXPECT_EQ(completions({"system", ""}), "active standby ");
   EXPECT_EQ(completions({"unnumbered", ""}), "set unset ");
   EXPECT_EQ(completions({"multicast", ""}), "off on ");

@@ -52,14 +52,26 @@ TEST_F(IpshWithIpd, MessagesAndClientsOfTheControlServiceAreShown) {
   start_ipd(small_plan);
   const Outcome first = ipsh({"show", "messages", "--json"});
   ASSERT_EQ(first.exit_code, 0) << first.err;
-  const json message = json::parse(first.out)["messages"].back();
-  EXPECT_EQ(message["name"], "show messages");
-  EXPECT_EQ(message["done"], 0) << "the question itself is counted when it is answered";
-  EXPECT_EQ(json::parse(ipsh({"show", "messages", "--json"}).out)["messages"].back()["done"], 1);
+  const auto done = [](const Outcome &outcome) {
+    const json shown = json::parse(outcome.out);
+    for (const json &row : shown["messages"]) {
+      if (row["name"] == "show messages") return row["done"];
+    }
+    return json();
+  };
+  EXPECT_EQ(done(first), 0) << "the question itself is counted when it is answered";
+  EXPECT_EQ(done(ipsh({"show", "messages", "--json"})), 1);
   const Outcome clients = ipsh({"show", "clients"});
   EXPECT_EQ(clients.exit_code, 1) << "ipsh itself is left out";
   EXPECT_EQ(clients.out, "PID  COMMAND  THREADS  NOW  USER  MESSAGES  REFUSED  GROUPS  LOANS  DOWNLOADS  REGISTERED\n");
   EXPECT_EQ(clients.err, "");
+}
+
+TEST_F(IpshWithIpd, OneThatSimulatesTakesNoPackets) {
+  start_ipd(small_plan);
+  const Outcome packets = ipsh({"show", "packets"});
+  EXPECT_EQ(packets.exit_code, 3);
+  EXPECT_NE(packets.err.find("ipd takes no packets"), std::string::npos) << packets.err;
 }
 
 TEST_F(IpshWithIpd, WithoutItsControlServiceWhoReadsIsStillShown) {
