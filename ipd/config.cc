@@ -154,6 +154,31 @@ LoadShareRule read_load_share(const JsonObject &object) {
   return rule;
 }
 
+uint32_t read_limit(const JsonObject &object, const char *key, uint32_t least, uint32_t otherwise) {
+  constexpr uint64_t most = 1000000;
+  return static_cast<uint32_t>(object.number(key, least, most).value_or(otherwise));
+}
+
+IcmpErrorRule read_icmp_errors(const JsonObject &object) {
+  constexpr IcmpErrorRule otherwise;
+  return {.rate = read_limit(object, "rate", 0, otherwise.rate),
+          .burst = read_limit(object, "burst", 1, otherwise.burst),
+          .destination_rate = read_limit(object, "destination_rate", 0, otherwise.destination_rate),
+          .destination_burst = read_limit(object, "destination_burst", 1, otherwise.destination_burst)};
+}
+
+std::string describe_limit(const char *what, uint32_t rate, uint32_t burst) {
+  if (rate == 0) return std::string("ICMP errors ") + what + " without limit\n";
+  return std::string("ICMP errors ") + what + " " + std::to_string(rate) + " a second, " + std::to_string(burst) +
+         " at once\n";
+}
+
+std::string describe_icmp_errors(const IcmpErrorRule &rule) {
+  if (rule == IcmpErrorRule{}) return "";
+  return describe_limit("in all", rule.rate, rule.burst) +
+         describe_limit("to one destination", rule.destination_rate, rule.destination_burst);
+}
+
 std::string read_group(const JsonObject &object, const char *key) {
   return object.has(key) ? object.required_text(key, longest_group_name) : "";
 }
@@ -169,12 +194,16 @@ Configuration read_configuration(std::string_view text) {
   const nlohmann::json json = parse_json(text);
   const JsonObject object(json, "",
                           {"contexts", "vips", "unnumbered", "multicast_routes", "leaks", "router_id", "log_level",
-                           "load_share", "read_group", "configure_group"});
+                           "load_share", "icmp_errors", "read_group", "configure_group"});
   Configuration configuration;
   configuration.router_id = read_router_id(object);
   if (const auto level = object.text("log_level", 255)) configuration.log_level = read_level(object, *level);
   if (object.has("load_share")) {
     configuration.load_share = read_load_share(JsonObject(json["load_share"], "load_share", {"mode", "value"}));
+  }
+  if (object.has("icmp_errors")) {
+    configuration.icmp_errors = read_icmp_errors(
+        JsonObject(json["icmp_errors"], "icmp_errors", {"rate", "burst", "destination_rate", "destination_burst"}));
   }
   configuration.read_group = read_group(object, "read_group");
   configuration.configure_group = read_group(object, "configure_group");
@@ -236,6 +265,7 @@ std::string describe(const Configuration &configuration) {
   if (const auto &rule = configuration.load_share) {
     out += std::string("load share ") + load_share_modes[rule->mode] + " value " + std::to_string(rule->value) + "\n";
   }
+  out += describe_icmp_errors(configuration.icmp_errors);
   if (!configuration.read_group.empty()) out += "read group " + configuration.read_group + "\n";
   if (!configuration.configure_group.empty()) out += "configure group " + configuration.configure_group + "\n";
   for (const ContextRule &rule : configuration.contexts) {

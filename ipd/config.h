@@ -71,6 +71,15 @@ struct LoadShareRule {  // how equal-cost paths share the load
   bool operator==(const LoadShareRule &) const = default;
 };
 
+// How many ICMP errors are sent. A rate of 0 is no limit.
+struct IcmpErrorRule {
+  uint32_t rate = 1000;  // in a second, all together
+  uint32_t burst = 50;   // at once, after a rest; never 0
+  uint32_t destination_rate = 1;
+  uint32_t destination_burst = 6;
+  bool operator==(const IcmpErrorRule &) const = default;
+};
+
 struct Configuration {
   std::vector<ContextRule> contexts;  // in the file's order: the first rule that matches an interface has it
   std::vector<VipRule> vips;
@@ -80,6 +89,7 @@ struct Configuration {
   uint32_t router_id = 0;        // of the default context
   std::optional<int> log_level;  // as in syslog(3)
   std::optional<LoadShareRule> load_share;
+  IcmpErrorRule icmp_errors;
   // Who may ask, and who may change things; by name or number, empty: not said.
   std::string read_group, configure_group;
   bool operator==(const Configuration &) const = default;

@@ -36,11 +36,14 @@ TEST(Config, EveryKeyIsRead) {
     ],
     "vips": [{"interface": "eth0", "address": "198.51.100.9"}],
     "unnumbered": [{"interface": "tun0", "source": "lo"}],
-    "load_share": {"mode": "custom", "value": 7}
+    "load_share": {"mode": "custom", "value": 7},
+    "icmp_errors": {"rate": 0, "burst": 1, "destination_rate": 1000000, "destination_burst": 9}
   })",
                                                  "f", &reason);
   ASSERT_TRUE(configuration) << reason;
   EXPECT_EQ(configuration->load_share, (LoadShareRule{.mode = 3, .value = 7}));
+  EXPECT_EQ(configuration->icmp_errors,
+            (IcmpErrorRule{.rate = 0, .burst = 1, .destination_rate = 1000000, .destination_burst = 9}));
   EXPECT_EQ(configuration->router_id, 0xc0000201u);
   EXPECT_EQ(configuration->log_level, LOG_DEBUG);
   EXPECT_EQ(configuration->read_group, "watchers");
@@ -59,18 +62,33 @@ TEST(Config, WhatIsInForceIsDescribed) {
       R"({"router_id": "192.0.2.1", "log_level": "info", "contexts": [{"name": "lab", "id": 7, "table": 100,
           "router_id": "192.0.2.7", "interfaces": ["eth1", "veth*"]}], "vips": [{"interface": "eth0",
           "address": "198.51.100.9"}], "unnumbered": [{"interface": "tun0", "source": "lo"}],
-          "load_share": {"mode": "l4"}, "read_group": "watchers", "configure_group": "routing"})",
+          "load_share": {"mode": "l4"}, "read_group": "watchers", "configure_group": "routing",
+          "icmp_errors": {"rate": 7}})",
       "f", &reason);
   ASSERT_TRUE(configuration) << reason;
   EXPECT_EQ(describe(*configuration),
             "router id 192.0.2.1\n"
             "log level info\n"
             "load share l4 value 0\n"
+            "ICMP errors in all 7 a second, 50 at once\n"
+            "ICMP errors to one destination 1 a second, 6 at once\n"
             "read group watchers\n"
             "configure group routing\n"
             "context lab id 7 table 100 router id 192.0.2.7 interfaces eth1 veth*\n"
             "virtual address 198.51.100.9 on eth0\n"
             "unnumbered tun0 borrows from lo\n");
+}
+
+TEST(Config, LimitsOfIcmpErrorsThatAreNotGivenAreTheUsualOnes) {
+  std::string reason;
+  const auto configuration =
+      parse_configuration(R"({"icmp_errors": {"destination_burst": 2, "destination_rate": 0}})", "f", &reason);
+  ASSERT_TRUE(configuration) << reason;
+  EXPECT_EQ(configuration->icmp_errors,
+            (IcmpErrorRule{.rate = 1000, .burst = 50, .destination_rate = 0, .destination_burst = 2}));
+  EXPECT_EQ(describe(*configuration),
+            "ICMP errors in all 1000 a second, 50 at once\n"
+            "ICMP errors to one destination without limit\n");
 }
 
 struct Mistake {
@@ -97,6 +115,16 @@ const Mistake mistakes[] = {
     {"LoadShareWithoutMode", R"({"load_share": {"value": 1}})", "load_share.mode: missing"},
     {"LoadShareOfNoMode", R"({"load_share": {"mode": "l5"}})",
      "load_share.mode: must be \"l3\", \"l4\", \"inner-l3\" or \"custom\""},
+    {"IcmpErrorsNotAnObject", R"({"icmp_errors": 7})", "icmp_errors: must be an object { }"},
+    {"UnknownKeyOfIcmpErrors", R"({"icmp_errors": {"limit": 7}})", "icmp_errors.limit: unknown key"},
+    {"IcmpErrorsRateTooLarge", R"({"icmp_errors": {"rate": 1000001}})",
+     "icmp_errors.rate: must be a whole number from 0 to 1000000"},
+    {"IcmpErrorsBurstOfZero", R"({"icmp_errors": {"burst": 0}})",
+     "icmp_errors.burst: must be a whole number from 1 to 1000000"},
+    {"IcmpErrorsDestinationRateNegative", R"({"icmp_errors": {"destination_rate": -1}})",
+     "icmp_errors.destination_rate: must be a whole number from 0 to 1000000"},
+    {"IcmpErrorsDestinationBurstOfZero", R"({"icmp_errors": {"destination_burst": 0}})",
+     "icmp_errors.destination_burst: must be a whole number from 1 to 1000000"},
     {"ContextsNotAList", R"({"contexts": {}})", "contexts: must be a list [ ]"},
     {"VipsNotAList", R"({"vips": "eth0"})", "vips: must be a list [ ]"},
     {"UnnumberedNotAList", R"({"unnumbered": 4})", "unnumbered: must be a list [ ]"},
