@@ -6,7 +6,7 @@
 set -eu -o pipefail
 exports=$1
 header=$2
-questions='(ip_(get|is|check|find|allow|calc|urib|update)_.*|ip_enabled|ip_forward_enabled|is_fwd_enabled_spl_iod)'
+questions='(ip_(get|is|check|find|allow|calc|urib|update)_.*|ip_enabled|ip_forward_enabled|ip_print_addr_summary|is_fwd_enabled_spl_iod)'
 exempt='ip_get_(api_error_info|broadcast_address|client_pointer|mac_multicast|max_msg_size)'
 # Asked of the IP process, or of the transport.
 exempt+='|ip_get_(interface_stats|urib_q)'

@@ -135,6 +135,33 @@ TEST_F(DamagedSegmentTest, ALendersNameAtTheEndOfTheWindowEndsInTheUnusedPage) {
   EXPECT_STREQ(name, "nnnn");
 }
 
+TEST_F(DamagedSegmentTest, ASummaryIsOneLineOfLimitedLengthWhateverTheNameOfTheLender) {
+  constexpr size_t unterminated = 3 * 4096;
+  auto *text = static_cast<char *>(platform().memory.allocate(unterminated));
+  memset(text, 'n', unterminated);
+  borrowing->unnum_data = reinterpret_cast<ip_unnumbered *>(text);
+  attach();
+  ip_print_addr_summary(borrower, test_support::nowhere(), nullptr);
+  ASSERT_EQ(platform().command_output.size(), 1u);
+  EXPECT_LT(platform().command_output[0].size(), 100u);
+}
+
+TEST_F(DamagedSegmentTest, ASummaryOfARingOfAddressesShowsItsFirst) {
+  record->addr_list.get()->next = record->addr_list.get();
+  attach();
+  ip_print_addr_summary(5, test_support::nowhere(), nullptr);
+  ASSERT_EQ(platform().command_output.size(), 1u);
+  EXPECT_EQ(platform().command_output[0], "  IP address: 10.0.0.1, IP subnet: 10.0.0.0/24\n");
+}
+
+TEST_F(DamagedSegmentTest, ASummaryOfAWordThatLeadsNowhereShowsNone) {
+  set_word(record->addr_list, 0xfffffffc);
+  attach();
+  ip_print_addr_summary(5, test_support::nowhere(), nullptr);
+  ASSERT_EQ(platform().command_output.size(), 1u);
+  EXPECT_EQ(platform().command_output[0], "  IP address: none\n");
+}
+
 TEST_F(DamagedSegmentTest, AListOfAllStepsIsWalkedToItsEnd) {
   ip_addrtype *first = nullptr;
   for (uint32_t i = 0; i < most_steps; i++) {
