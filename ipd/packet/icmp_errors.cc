@@ -74,9 +74,16 @@ Outcome IcmpErrors::send_error(const Wish &wish, uint32_t context_id, std::span<
   std::array<std::byte, largest_icmp_error> room;
   const size_t length = build_icmp_error({.type = static_cast<uint8_t>(wish.type),
                                           .code = static_cast<uint8_t>(wish.code),
-                                          .rest_of_header = wish.rest_of_header},
+                                          .rest_of_header = rest_of_header(wish, way)},
                                          wish.packet, towards != 0 ? towards : source_of(arrival), room);
   return output_.send(way, std::span(room).first(length));
+}
+
+uint32_t IcmpErrors::rest_of_header(const Wish &wish, const Way &way) const {
+  const bool is_mtu = wish.type == icmp::unreachable && wish.code == icmp::fragmentation_needed;
+  if (!is_mtu || wish.rest_of_header != 0) return wish.rest_of_header;
+  const uint32_t mtu = output_.mtu_towards(way, ipv4::destination(wish.packet));
+  return mtu < std::max<size_t>(ipv4::total_length(wish.packet), wish.packet.size()) ? mtu : 0;
 }
 
 // Those of whom it borrows from when it has none of its own.

@@ -22,6 +22,9 @@ namespace ipd::packet {
 //
 // An error goes where the routes of its context lead, from the address that any packet there would have (RFC 1812,
 // section 4.3.2.4). Where that says none, it is the one of the interface that the packet came in by.
+//
+// Who says that a packet would have to be fragmented, but not for which MTU, as a driver cannot, has it filled in (RFC
+// 1191, section 4): that of the way to the packet's destination, unless the packet would fit there.
 class IcmpErrors final : public Handler {
  public:
   using Now = std::function<IcmpLimits::Moment()>;
@@ -46,6 +49,7 @@ class IcmpErrors final : public Handler {
 
   Outcome send_error(const Wish &wish);
   Outcome send_error(const Wish &wish, uint32_t context_id, std::span<const AddressState> arrival);
+  [[nodiscard]] uint32_t rest_of_header(const Wish &wish, const Way &way) const;
   [[nodiscard]] std::vector<AddressState> addresses_of(const control::InterfaceFacts &facts) const;
 
   const control::Box &box_;

@@ -37,6 +37,9 @@ class Output {
   // The address that a packet to `destination` (host order) would get as its source on that way; 0: there is none, or
   // no route.
   [[nodiscard]] virtual uint32_t source_towards(const Way &way, uint32_t destination) = 0;
+
+  // How long a packet to `destination` may be on that way without being fragmented; 0: not known.
+  [[nodiscard]] virtual uint32_t mtu_towards(const Way & /*way*/, uint32_t /*destination*/) { return 0; }
 };
 
 }  // namespace ipd::packet

@@ -79,6 +79,50 @@ TEST_F(IcmpErrorsTest, TheRestOfTheHeaderIsTheMessages) {
   EXPECT_EQ(ipv4::read32(message_of(output.sent[0].packet), 4), 1280u);
 }
 
+class IcmpTooBigTest : public IcmpErrorsTest {
+ protected:
+  IcmpTooBigTest() {
+    wish.code = icmp::fragmentation_needed;
+    output.mtu = 1280;
+  }
+  [[nodiscard]] uint32_t told() const { return ipv4::read32(message_of(output.sent.back().packet), 4); }
+};
+
+TEST_F(IcmpTooBigTest, AnMtuThatIsNotGivenIsThatOfTheWayToThePacketsDestination) {
+  ASSERT_EQ(ask(packet_of({}, 1400)), Outcome::done);
+  EXPECT_EQ(told(), 1280u);
+  ASSERT_EQ(output.asked_for_mtu.size(), 1u);
+  EXPECT_EQ(output.asked_for_mtu[0], (std::pair{output.sent[0].way, far}));
+}
+
+TEST_F(IcmpTooBigTest, AnMtuThatIsGivenIsTheClients) {
+  wish.rest_of_header = 900;
+  ASSERT_EQ(ask(packet_of({}, 1400)), Outcome::done);
+  EXPECT_EQ(told(), 900u);
+  EXPECT_TRUE(output.asked_for_mtu.empty());
+}
+
+TEST_F(IcmpTooBigTest, AnMtuThatThePacketFitsIsNotTold) {
+  ASSERT_EQ(ask(packet_of({}, 1260)), Outcome::done);
+  EXPECT_EQ(told(), 0u);
+  ASSERT_EQ(ask(packet_of({}, 1261)), Outcome::done);
+  EXPECT_EQ(told(), 1280u);
+}
+
+TEST_F(IcmpTooBigTest, ADriversIsFilledInByTheLengthThatThePacketSays) {
+  Bytes quoted = packet_of({}, 1400);
+  quoted.resize(28);
+  ASSERT_EQ(ask_as_driver(3, 4, quoted), Outcome::done);
+  EXPECT_EQ(told(), 1280u);
+}
+
+TEST_F(IcmpTooBigTest, OtherErrorsHaveNoMtu) {
+  wish.code = 1;
+  ASSERT_EQ(ask(packet_of({}, 1400)), Outcome::done);
+  EXPECT_EQ(told(), 0u);
+  EXPECT_TRUE(output.asked_for_mtu.empty());
+}
+
 TEST_F(IcmpErrorsTest, TheRouteSaysWhichWayItLeaves) {
   ASSERT_EQ(ask(), Outcome::done);
   const Way way{.iod = 0, .next_hop = 0, .context_id = 1, .flags = 0, .src_l2 = std::nullopt};

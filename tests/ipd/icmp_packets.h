@@ -100,11 +100,16 @@ class RecordingOutput final : public Output {
     asked.emplace_back(way, destination);
     return source;
   }
+  uint32_t mtu_towards(const Way &way, uint32_t destination) override {
+    asked_for_mtu.emplace_back(way, destination);
+    return mtu;
+  }
 
   Outcome outcome = Outcome::done;  // of each packet
   uint32_t source = own;            // towards everybody
+  uint32_t mtu = 0;                 // the same
   std::vector<Sent> sent;
-  std::vector<std::pair<Way, uint32_t>> asked;  // of source_towards
+  std::vector<std::pair<Way, uint32_t>> asked, asked_for_mtu;  // way and destination
 };
 
 template <class Record>

@@ -172,7 +172,7 @@ struct ip_msg_icmp_error {
   uint32_t type;  // of the ICMP error (RFC 792)
   uint32_t code;
   uint32_t context_id;      // 0: the interface's, else the default context
-  uint32_t rest_of_header;  // bytes 4 .. 7 of the ICMP header, as a word: MTU, pointer or gateway
+  uint32_t rest_of_header;  // bytes 4 .. 7 of the ICMP header, byte 4 the most significant: MTU, pointer or gateway
   uint16_t packet_len;
   uint16_t packet_word;
   uint8_t packet_byte;
