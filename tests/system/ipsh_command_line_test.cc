@@ -84,10 +84,10 @@ INSTANTIATE_TEST_SUITE_P(
                 "unnumbered, multicast, system"},
         Refusal{"show",
                 "ipsh: ipsh show: a command is missing; give one of contexts, interfaces, addresses, routes, vips, "
-                "groups, router-id, counters, memory, clients, messages, queues, system"},
+                "groups, router-id, counters, memory, clients, messages, packets, queues, system"},
         Refusal{"show adresses",
                 "ipsh: ipsh show: there is no 'adresses'; give one of contexts, interfaces, addresses, routes, "
-                "vips, groups, router-id, counters, memory, clients, messages, queues, system"},
+                "vips, groups, router-id, counters, memory, clients, messages, packets, queues, system"},
         Refusal{"show contexts memory",
                 "ipsh: ipsh show contexts: 'memory' is not accepted here; see ipsh show contexts --help"},
         Refusal{"show contexts --jsn",
