@@ -30,6 +30,7 @@ ControlSap::ControlSap(std::unique_ptr<control::MtsTransport> transport, std::un
 void ControlSap::add_handlers() {
   service_.add(clients_, {IP_MSG_REGISTER, IP_MSG_DEREGISTER});
   service_.add(link_local_, {IP_MSG_REPORT_LINK_LOCAL});
+  service_.add(pool_keeper_, {});
   service_.add(show_, {IP_MSG_SHOW_CLIENTS, IP_MSG_SHOW_REGISTRATIONS, IP_MSG_SHOW_MESSAGES});
 }
 
@@ -51,6 +52,7 @@ std::unique_ptr<ControlSap> ControlSap::open(EventLoop &loop, const Configuratio
 
 void ControlSap::configure(const Configuration &configuration) {
   rights_.configure(configuration.read_group, configuration.configure_group);
+  pool_keeper_.open_to_group(rights_.configure_gid());
 }
 
 // False: something may be left.

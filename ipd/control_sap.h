@@ -18,6 +18,7 @@
 #include "ipd/control/service.h"
 #include "ipd/control/show.h"
 #include "ipd/event_loop.h"
+#include "ipd/packet/pool_keeper.h"
 
 namespace ipd {
 
@@ -51,6 +52,7 @@ class ControlSap {
   control::Clients clients_;
   control::LinkLocal link_local_;
   control::Show show_;
+  packet::PoolKeeper pool_keeper_;
   bool broken_ = false;
   control::Handler::Clock::time_point settled_{};  // the ends of processes, last
 };

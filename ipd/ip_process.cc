@@ -34,6 +34,7 @@
 #include "ipd/process/descriptors.h"
 #include "ipd/process/log.h"
 #include "ipd/process/service.h"
+#include "mbuf/pool.h"
 #include "mtrack/mtrack_writer.h"
 #include "sm/run_dir.h"
 #include "sysmgr/sysmgr_writer.h"
@@ -84,6 +85,8 @@ int IpProcess::prepare() {
   if (!rsw::sysmgr_open_for_writing(&reason)) return fail(reason);
   // Counters are for people to look at: without their segment everything else works.
   if (!rsw::mtrack_open_for_writing(&reason)) log_line(LOG_WARNING, "%s", reason.c_str());
+  // Likewise packets that travel by reference: without the pool they travel as bytes.
+  if (!rsw::mbuf_open_for_writing(&reason)) log_line(LOG_WARNING, "%s", reason.c_str());
   ids_.emplace(rsw::run_directory() + "/ipd.contexts");
   ids_->load();
   epochs_ = rsw::Epochs::open(&reason);

@@ -23,6 +23,8 @@ class Rights {
   // Groups by name or number; empty: none is named. Without a group, everybody may read and nobody else may configure.
   // A group that the system does not have gives nobody a right.
   void configure(const std::string &read_group, const std::string &configure_group);
+  // The group that may configure; none: there is no such group.
+  [[nodiscard]] std::optional<uint32_t> configure_gid() const { return configure_.gid; }
   [[nodiscard]] bool allows(const Request &request, Right right) const;
 
  private:

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Packet buffers: a packet is a chain of buffers from a pool that processes share, so that it can travel to another
-// process by the 32-bit address of its first buffer. librsw does not provide the pool yet.
+// process by the 32-bit address of its first buffer. A process that may not use the pool gets buffers of its own; its
+// packets travel as bytes.
 //
 // Who owns a packet frees it: with m_freem, or by handing it on to a call that says it takes it. Calls that may move a
 // packet's front return the new first buffer; the old pointer is not to be used again. A buffer left behind by a
@@ -36,6 +37,34 @@ RSW_OFFSET(struct mbuf, type, 16);
 RSW_OFFSET(struct mbuf, hdr_byte, 17);
 RSW_OFFSET(struct mbuf, hdr_word, 18);
 RSW_OFFSET(struct mbuf, owner, 20);
+
+// Begins a packet: one buffer, the caller's, without bytes and with room in front for headers.
+// Threads: any. Blocks: no. Owns: the caller frees it, or hands it on.
+// Results: the packet. Null: no buffer.
+struct mbuf *m_gethdr(void);
+
+// Adds bytes at the end of a packet.
+//   m             the packet; not null
+//   bytes         copied
+//   length        of them; 0 is possible
+// Threads: one per packet. Blocks: no. Owns: nothing; new buffers belong to whom the last one does.
+// Results: 1. 0: no buffer; the packet is as it was.
+uint32_t m_append(struct mbuf *m, const void *bytes, uint32_t length);
+
+// A packet that a message names, whose sender handed it to this process (m_set_owner).
+//   reference     the address of its first buffer, as the message has it
+// Threads: any. Blocks: no. Owns: the packet was the caller's before; it frees it.
+// Results: the packet. Null: no such packet of this process, or it may not use the pool.
+struct mbuf *m_packet_at(uint32_t reference);
+
+// A packet's buffers, one after the other: m_next() after the last is null, and each has m_len bytes at m_bytes().
+// Threads: any while nobody changes the packet. Blocks: no. Owns: nothing.
+static inline struct mbuf *m_next(const struct mbuf *m) {
+  return IP_SHM_GET(struct mbuf, m->next);
+}
+static inline uint8_t *m_bytes(const struct mbuf *m) {
+  return IP_SHM_GET(uint8_t, m->data);
+}
 
 // Makes room in front of a packet.
 //   m             the packet; not null

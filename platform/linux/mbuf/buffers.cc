@@ -1,115 +1,114 @@
 // SPDX-License-Identifier: Apache-2.0
-// The buffers of a process.
+// A buffer is taken and given back.
 //
-// The window is mapped when the first buffer is wanted, and costs address space only: a page becomes memory when a
-// buffer on it is used for the first time. Buffers that were given back form a stack, so that the next packet finds one
-// that is still in a cache. One lock guards the stack; it is held for a few instructions.
+// The common case is the one that is written here: the calling thread holds a group of the shared pool with a free
+// buffer in it. All else is in groups.cc, and what a process without pool does, in private_buffers.cc.
 #include "mbuf/buffers.h"
-
-#include <errno.h>
-#include <string.h>
-#include <sys/mman.h>
-#include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
-#include <string>
 
-#include "log/log_writer.h"
-#include "sm/reservation.h"
-#include "sm/segment.h"
+#include "mbuf/groups.h"
+#include "mbuf/private_buffers.h"
 
 namespace rsw {
 namespace {
 
-// What one process may have of the window: 16,382 buffers.
-constexpr uint32_t mapped_bytes = 32u << 20;
+using namespace pool;
 
-class Buffers {
- public:
-  struct mbuf *take() {
-    const std::scoped_lock hold(mutex_);
-    struct mbuf *buffer = free_;
-    if (buffer != nullptr) {
-      free_ = buffer->next.get();
-    } else {
-      if (!mapped()) return nullptr;
-      if (next_ + sizeof(PacketBuffer) > end_) return nullptr;
-      buffer = reinterpret_cast<struct mbuf *>(static_cast<uintptr_t>(next_));
-      next_ += static_cast<uint32_t>(sizeof(PacketBuffer));
+struct mbuf *emptied(PacketBuffer *buffer) {
+  struct mbuf &head = buffer->head;
+  head.next = nullptr;
+  head.next_packet = nullptr;
+  head.data = buffer->room + packet_buffer_front;
+  head.m_len = 0;
+  head.type = 0;
+  head.hdr_byte = 0;
+  head.hdr_word = 0;
+  return &head;
+}
+
+struct mbuf *take_private() {
+  struct mbuf *m = take_private_buffer();
+  if (m == nullptr) return nullptr;
+  // Relaxed: no other process sees it.
+  word(m->owner).store(own_pid(), std::memory_order_relaxed);
+  word(buffer_of(m)->state).store(1, std::memory_order_relaxed);
+  return emptied(buffer_of(m));
+}
+
+// The thread has no group with a free buffer.
+__attribute__((noinline)) struct mbuf *take_slowly() {
+  ThreadCache &cache = this_cache;
+  if (!attach()) return take_private();
+  PacketBuffer *buffer = nullptr;
+  if (cache.holder == 0 && !number_thread(cache)) {
+    buffer = take_without_cache();
+  } else {
+    // Damage may make a group look better than it is; there are at most so many.
+    for (uint32_t tries = 0; buffer == nullptr && tries < group_limit && refill(cache); ++tries) {
+      buffer = take_from(*cache.current, cache.buffers);
     }
-    in_use_++;
-    return buffer;
   }
+  if (buffer != nullptr) return emptied(buffer);
+  word(control().refused).fetch_add(1, std::memory_order_relaxed);  // a count for people
+  return nullptr;
+}
 
-  void give_back(struct mbuf *buffer) {
-    const std::scoped_lock hold(mutex_);
-    buffer->next = free_;
-    free_ = buffer;
-    in_use_--;
+bool holds(const ThreadCache &cache, uint32_t group) {
+  for (uint32_t i = 0; i < cache.held_count; ++i) {
+    if (cache.held[i] == group) return true;
   }
-
-  uint32_t in_use() {
-    const std::scoped_lock hold(mutex_);
-    return in_use_;
-  }
-
- private:
-  bool mapped() {
-    if (state_ != State::untried) return state_ == State::mapped;
-    state_ = State::refused;
-    std::string reason;
-    if (!reserve_windows(&reason)) {
-      log_line(LOG_ERR, "packet buffers: %s", reason.c_str());
-      return false;
-    }
-    // Over our own reservation. The page that leads the window is a segment's header.
-    void *wanted = reinterpret_cast<void *>(static_cast<uintptr_t>(segment_mbuf.base));
-    if (mmap(wanted, mapped_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1,
-             0) != wanted) {
-      log_line(LOG_ERR, "packet buffers: cannot map their window: %s", strerror(errno));
-      return false;
-    }
-    state_ = State::mapped;
-    next_ = segment_mbuf.base + segment_page;
-    end_ = segment_mbuf.base + mapped_bytes;
-    return true;
-  }
-
-  enum class State { untried, mapped, refused };
-
-  std::mutex mutex_;
-  State state_ = State::untried;
-  struct mbuf *free_ = nullptr;
-  uint32_t next_ = 0;  // the first buffer that was never taken
-  uint32_t end_ = 0;
-  uint32_t in_use_ = 0;
-};
-
-Buffers &buffers() {
-  static Buffers all;
-  return all;
+  return false;
 }
 
 }  // namespace
 
 struct mbuf *take_buffer() {
-  struct mbuf *buffer = buffers().take();
-  if (buffer == nullptr) return nullptr;
-  *buffer = {};
-  buffer->data = buffer_of(buffer)->room + packet_buffer_front;
-  buffer->owner = getpid();
-  return buffer;
+  ThreadCache &cache = this_cache;
+  if (cache.current != nullptr) {
+    if (PacketBuffer *buffer = take_from(*cache.current, cache.buffers); buffer != nullptr) return emptied(buffer);
+  }
+  return take_slowly();
 }
 
 void give_buffer_back(struct mbuf *m) {
-  buffers().give_back(m);
+  Place place{};
+  const bool is_shared = find_place(reinterpret_cast<uintptr_t>(m), group_limit, &place);
+  if (!is_shared && !is_private(m)) return count_damage("what was given back is no buffer");
+  PacketBuffer *buffer = buffer_of(m);
+  // Relaxed, here and for the owner: the bit that follows says that they are written.
+  if (word(buffer->state).load(std::memory_order_relaxed) != 1) {
+    return count_damage("a buffer was given back that is free already");
+  }
+  // Whoever is killed on the way from here was the owner.
+  if (word(m->owner).load(std::memory_order_relaxed) != own_pid()) {
+    word(m->owner).store(own_pid(), std::memory_order_relaxed);
+  }
+  word(buffer->state).store(0, std::memory_order_relaxed);
+  if (!is_shared) return give_private_buffer_back(m);
+  Group &group = group_at(place.group);
+  if (holds(this_cache, place.group)) {
+    const uint32_t free = word(group.free).load(std::memory_order_relaxed);  // this thread's own word
+    // Release: state and owner come first; the partner is free_bits() of whoever takes back.
+    word(group.free).store(free | place.bit, std::memory_order_release);
+  } else {
+    // Release: this process is through with the buffer; the partner is the acquire in harvest().
+    word(group.returned).fetch_or(place.bit, std::memory_order_release);
+  }
 }
 
 uint32_t buffers_in_use() {
-  return buffers().in_use();
+  uint32_t in_use = private_buffers_in_use();
+  if (!is_attached()) return in_use;
+  const uint32_t groups = groups_in_use();
+  for (uint32_t group = first_group; group < groups; ++group) {
+    for (uint32_t used = ~free_bits(group_at(group)); used != 0; used &= used - 1) {
+      struct mbuf &head = buffer_at(group, index_of(used))->head;
+      if (word(head.owner).load(std::memory_order_relaxed) == own_pid()) ++in_use;
+    }
+  }
+  return in_use;
 }
 
 struct mbuf *make_packet(std::span<const uint8_t> bytes) {

@@ -18,18 +18,30 @@ namespace rsw {
 // Threads: start-up. Blocks: no. False: *reason; this process then has private buffers, as any process without a pool.
 RSW_EXPORT bool mbuf_open_for_writing(std::string *reason);
 
+// Whether this process is attached to the pool. Threads: any.
+[[nodiscard]] RSW_EXPORT bool mbuf_is_open();
+
 // Lets a group use the pool, or no group: for its maker. Who is attached stays attached.
 // Threads: any. False: *reason.
 RSW_EXPORT bool mbuf_open_to_group(std::optional<uint32_t> gid, std::string *reason);
+
+// Leaves the pool that this process is attached to, or that it made: for one that goes to another run directory. None
+// of its buffers may be out, and the calling thread is the only one that took any. Nothing happens when it is not
+// attached.
+RSW_EXPORT void mbuf_leave();
 
 // Takes back what a process that is gone for good left, buffers that its threads had cached included. Cheap when that
 // process never had any. Nothing happens while a process of that number is attached to the pool.
 // Threads: any, one at a time. Blocks: no. Results: how many buffers.
 RSW_EXPORT uint32_t reclaim_buffers_of(int32_t pid);
 
-// The same for every process that was attached to the pool and is dead. A few times a second is not too often. After a
-// buffer was refused to somebody it looks at every buffer once, and takes back those of owners that do not exist.
+// The same for every process that was attached to the pool and was found dead at the last look, too: what it sent
+// before may have been on its way then. A few times a second is not too often. After a buffer was refused to somebody
+// it looks at every buffer once, and takes back those of owners that do not exist.
 RSW_EXPORT uint32_t reclaim_buffers_of_the_dead();
+
+// Words of the pool that made no sense, counted by all processes. 0 when this one is not attached.
+[[nodiscard]] RSW_EXPORT uint32_t damage_in_pool();
 
 struct PoolOwner {
   int32_t pid = 0;

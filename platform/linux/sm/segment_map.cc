@@ -322,6 +322,13 @@ std::shared_ptr<SegmentMap> take_over(const std::shared_ptr<Mapping> &mapping) {
   return writing(mapping);
 }
 
+// Clients attach as the file's mode lets them. Packets are for those who may send them: their file is opened to others
+// by its maker.
+mode_t mode_of(const SegmentLayout &layout) {
+  if (layout.base == segment_mbuf.base) return 0600;
+  return layout.clients_write ? 0666 : 0644;
+}
+
 // A file of the segment's full length with storage for its header, under a name that nobody looks for.
 bool make_file(const SegmentLayout &layout, const std::string &temporary, Descriptor *file, std::string *reason) {
   unlink(temporary.c_str());  // what a killed writer left
@@ -329,8 +336,8 @@ bool make_file(const SegmentLayout &layout, const std::string &temporary, Descri
   if (file->get() < 0) return refuse(reason, errno, temporary + ": cannot make it: " + strerror(errno));
   int error = 0;
   // fchmod: the mode must not depend on the umask.
-  const bool whole = fchmod(file->get(), layout.clients_write ? 0666 : 0644) == 0 &&
-                     ftruncate(file->get(), static_cast<off_t>(layout.size)) == 0;
+  const bool whole =
+      fchmod(file->get(), mode_of(layout)) == 0 && ftruncate(file->get(), static_cast<off_t>(layout.size)) == 0;
   if (!whole) error = errno;
   if (whole && allocate_storage(file->get(), 0, segment_page, &error)) return true;
   unlink(temporary.c_str());

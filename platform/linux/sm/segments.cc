@@ -52,7 +52,7 @@ constexpr SegmentLayout segment_im = window("/rsw/shm/im", 0x61000000u, 48 * meb
 constexpr SegmentLayout segment_ip =
     window("/rsw/shm/ip", 0x64000000u, 128 * mebibyte, "ip 2", false, uint32_t{RSW_LAYOUT_IP_DB});
 constexpr SegmentLayout segment_urib = window("/rsw/shm/urib", 0x6c000000u, 128 * mebibyte, "urib 4", false);
-constexpr SegmentLayout segment_mbuf = window("/rsw/shm/mbuf", 0x74000000u, 160 * mebibyte, "mbuf 1", false);
+constexpr SegmentLayout segment_mbuf = window("/rsw/shm/mbuf", 0x74000000u, 128 * mebibyte, "mbuf 2", true);
 
 namespace {
 
