@@ -20,6 +20,10 @@ struct InterfaceFacts {
   std::vector<AddressState> addresses;  // published, the primary first
 };
 
+struct ContextFacts {
+  uint32_t vrf_ifindex = 0;  // of its VRF device; 0: it has none
+};
+
 class Box {
  public:
   virtual ~Box() = default;
@@ -38,6 +42,14 @@ class Box {
       for (const AddressState &address : facts->addresses) list.emplace_back(iod, address);
     }
     return list;
+  }
+  // Nothing: there is no such context. The default context is always there.
+  [[nodiscard]] virtual std::optional<ContextFacts> context(uint32_t id) const {
+    if (id == 1) return ContextFacts{};
+    for (const uint32_t iod : iods()) {
+      if (const auto facts = interface(iod); facts && facts->state.context_id == id) return ContextFacts{};
+    }
+    return std::nullopt;
   }
   // Loans that clients asked for; all of them, each time. Where the configuration says something about the same
   // borrower, the configuration holds.

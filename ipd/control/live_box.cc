@@ -17,4 +17,9 @@ std::optional<InterfaceFacts> LiveBox::interface_by_ifindex(uint32_t ifindex) co
                         .addresses = state_.addresses(ifindex)};
 }
 
+std::optional<ContextFacts> LiveBox::context(uint32_t id) const {
+  if (!state_.has_context(id)) return std::nullopt;
+  return ContextFacts{.vrf_ifindex = state_.vrf_of_context(id)};
+}
+
 }  // namespace ipd::control

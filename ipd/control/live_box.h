@@ -19,6 +19,7 @@ class LiveBox final : public Box {
   [[nodiscard]] std::vector<std::pair<uint32_t, AddressState>> addresses_of_context(uint32_t id) const override {
     return state_.addresses_of_context(id);
   }
+  [[nodiscard]] std::optional<ContextFacts> context(uint32_t id) const override;
   void lend(const std::vector<UnnumberedRule> &loans) override { state_.lend(loans); }
 
  private:

@@ -322,6 +322,11 @@ uint32_t State::ifindex_of(uint32_t iod) const {
   return found == by_iod_.end() ? 0 : found->second;
 }
 
+uint32_t State::vrf_of_context(uint32_t id) const {
+  const auto found = std::ranges::find_if(plan_.of_vrf, [&](const auto &vrf) { return vrf.second == id; });
+  return found == plan_.of_vrf.end() ? 0 : found->first;
+}
+
 std::vector<uint32_t> State::iods() const {
   std::vector<uint32_t> list;
   for (const auto &[iod, ifindex] : by_iod_) list.push_back(iod);

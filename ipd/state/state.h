@@ -53,6 +53,9 @@ class State {
   [[nodiscard]] uint32_t ifindex_of(uint32_t iod) const;
   [[nodiscard]] std::vector<uint32_t> iods() const;  // ascending
 
+  [[nodiscard]] bool has_context(uint32_t id) const { return contexts_.contains(id); }
+  [[nodiscard]] uint32_t vrf_of_context(uint32_t id) const;  // ifindex of its VRF device; 0: it has none
+
   // What routes need to know of it; another number: it may have changed.
   [[nodiscard]] uint64_t surroundings_version() const { return surroundings_version_; }
   [[nodiscard]] RouteSurroundings surroundings() const;

@@ -255,4 +255,21 @@ TEST_F(LiveBoxTest, WhoeverIsToldMayLend) {
   EXPECT_EQ(told, (std::vector<Set>{{1, 5}, {5}}));
 }
 
+TEST_F(LiveBoxTest, AContextIsKnownWithItsVrfDevice) {
+  EXPECT_FALSE(box.context(1)) << "before anything is published";
+  ipd::kernel::LinkMessage blue = link(9, "blue");
+  blue.kind = "vrf";
+  blue.vrf_table = 1001;
+  picture.link(blue);
+  update();
+  ASSERT_TRUE(box.context(1));
+  EXPECT_EQ(box.context(1)->vrf_ifindex, 0u);
+  const auto facts = box.interface_by_ifindex(9);
+  ASSERT_TRUE(facts);
+  ASSERT_NE(facts->state.context_id, 1u);
+  ASSERT_TRUE(box.context(facts->state.context_id));
+  EXPECT_EQ(box.context(facts->state.context_id)->vrf_ifindex, 9u);
+  EXPECT_FALSE(box.context(99));
+}
+
 }  // namespace
