@@ -215,7 +215,8 @@ void IpProcess::serve_packets() {
   std::string reason;
   packets_ = PacketSap::open(*loop_, configuration_, &reason);
   if (packets_ == nullptr) return log_line(LOG_ERR, "no packets are taken: %s", reason.c_str());
-  packet_handlers_ = std::make_unique<PacketHandlers>(*state_, *publisher_, *loop_, *control_, *handlers_, *packets_);
+  packet_handlers_ =
+      std::make_unique<PacketHandlers>(*state_, *publisher_, picture_, *loop_, *control_, *handlers_, *packets_);
   packet_handlers_->configure(configuration_);
 }
 

@@ -5,9 +5,13 @@
 
 namespace ipd {
 
-PacketHandlers::PacketHandlers(State &state, const Publisher &publisher, EventLoop & /*loop*/, ControlSap &control,
-                               ControlHandlers & /*requests*/, PacketSap &packets)
-    : box_(state, publisher), show_(control.transport(), packets.service()), capture_(control.transport()) {
+PacketHandlers::PacketHandlers(State &state, const Publisher &publisher, const kernel::Picture &picture,
+                               EventLoop &loop, ControlSap &control, ControlHandlers & /*requests*/, PacketSap &packets)
+    : box_(state, publisher),
+      senders_(box_, picture, loop),
+      show_(control.transport(), packets.service()),
+      capture_(control.transport()) {
+  senders_.add_to(packets.service());
   control.service().add(show_, {IP_MSG_SHOW_PACKETS});
   control.service().add(capture_, {IP_MSG_CAPTURE});
   packets.service().add(capture_);
@@ -15,6 +19,8 @@ PacketHandlers::PacketHandlers(State &state, const Publisher &publisher, EventLo
 
 void PacketHandlers::configure(const Configuration & /*configuration*/) {}
 
-void PacketHandlers::tick() {}
+void PacketHandlers::tick() {
+  senders_.tick();
+}
 
 }  // namespace ipd

@@ -8,23 +8,26 @@
 #include "ipd/control_handlers.h"
 #include "ipd/control_sap.h"
 #include "ipd/event_loop.h"
+#include "ipd/kernel/picture.h"
 #include "ipd/packet/capture.h"
 #include "ipd/packet/show.h"
 #include "ipd/packet_sap.h"
+#include "ipd/packet_senders.h"
 
 namespace ipd {
 
 class PacketHandlers {
  public:
   // All of them outlive it. It has to outlive the packet service.
-  PacketHandlers(State &state, const Publisher &publisher, EventLoop &loop, ControlSap &control,
-                 ControlHandlers &requests, PacketSap &packets);
+  PacketHandlers(State &state, const Publisher &publisher, const kernel::Picture &picture, EventLoop &loop,
+                 ControlSap &control, ControlHandlers &requests, PacketSap &packets);
 
   void configure(const Configuration &configuration);
   void tick();
 
  private:
   control::LiveBox box_;
+  PacketSenders senders_;
   packet::Show show_;
   packet::Capture capture_;
 };

@@ -22,7 +22,7 @@ struct Way {
   uint32_t next_hop = 0;   // host order; 0: the route says
   int32_t context_id = 0;  // whose routes; 0 and below: the interface's, else those of the default context
   uint32_t flags = 0;      // IP_OUTPUT_...
-  std::optional<MacAddress> src_l2;
+  std::optional<MacAddress> src_l2 = {};
   bool operator==(const Way &) const = default;
 };
 
