@@ -86,7 +86,8 @@ int IpProcess::prepare() {
   // Counters are for people to look at: without their segment everything else works.
   if (!rsw::mtrack_open_for_writing(&reason)) log_line(LOG_WARNING, "%s", reason.c_str());
   // Likewise packets that travel by reference: without the pool they travel as bytes.
-  if (!rsw::mbuf_open_for_writing(&reason)) log_line(LOG_WARNING, "%s", reason.c_str());
+  has_pool_ = rsw::mbuf_open_for_writing(&reason);
+  if (!has_pool_) log_line(LOG_WARNING, "%s", reason.c_str());
   ids_.emplace(rsw::run_directory() + "/ipd.contexts");
   ids_->load();
   epochs_ = rsw::Epochs::open(&reason);
@@ -213,7 +214,7 @@ void IpProcess::serve_clients() {
 // Nor do requests need it.
 void IpProcess::serve_packets() {
   std::string reason;
-  packets_ = PacketSap::open(*loop_, configuration_, &reason);
+  packets_ = PacketSap::open(*loop_, configuration_, has_pool_, &reason);
   if (packets_ == nullptr) return log_line(LOG_ERR, "no packets are taken: %s", reason.c_str());
   packet_handlers_ =
       std::make_unique<PacketHandlers>(*state_, *publisher_, picture_, *loop_, *control_, *handlers_, *packets_);

@@ -83,6 +83,7 @@ class IpProcess {
   std::unique_ptr<PacketHandlers> packet_handlers_;  // null: no kernel, or one of the SAPs cannot be had
   std::unique_ptr<ControlSap> control_;              // null: not live yet, or the SAP cannot be had
   std::unique_ptr<PacketSap> packets_;               // likewise
+  bool has_pool_ = false;                            // packets can be handed to clients by reference
   uint64_t counts_told_ = 0;                         // of multicast_->counts_read()
   std::optional<SimulationPlan> plan_;
   std::unique_ptr<Simulation> simulation_;

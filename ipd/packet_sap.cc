@@ -9,6 +9,8 @@
 
 #include "ip_api.h"
 #include "ipd/process/log.h"
+#include "mbuf/buffers.h"
+#include "mbuf/references.h"
 
 namespace ipd {
 namespace {
@@ -35,17 +37,19 @@ Outcome outcome_of(int error) {
 
 }  // namespace
 
-PacketSap::PacketSap(std::unique_ptr<control::MtsTransport> transport)
+PacketSap::PacketSap(std::unique_ptr<control::MtsTransport> transport, bool pool)
     : transport_(std::move(transport)),
+      pool_(pool),
       rights_(geteuid(), control::MtsTransport::sender_in_group),
       service_(references_,
                [this](const control::Request &message) { return rights_.allows(message, control::Right::configure); }) {
 }
 
-std::unique_ptr<PacketSap> PacketSap::open(EventLoop &loop, const Configuration &configuration, std::string *reason) {
+std::unique_ptr<PacketSap> PacketSap::open(EventLoop &loop, const Configuration &configuration, bool pool,
+                                           std::string *reason) {
   auto transport = control::MtsTransport::open(&ip_server_data_mts_q, IP_SAP_PACKET, reason);
   if (transport == nullptr) return nullptr;
-  std::unique_ptr<PacketSap> made(new PacketSap(std::move(transport)));
+  std::unique_ptr<PacketSap> made(new PacketSap(std::move(transport), pool));
   made->configure(configuration);
   PacketSap *self = made.get();
   if (!loop.watch(
@@ -69,14 +73,27 @@ void PacketSap::read() {
 }
 
 Outcome PacketSap::PoolReferences::take(uint32_t reference, int32_t pid, std::span<std::byte> into, size_t *length) {
-  (void)reference, (void)pid, (void)into, (void)length;
-  return Outcome::bad_reference;
+  const rsw::PacketReading reading = rsw::read_packet(reference, pid, into, length);
+  rsw::free_packet_of(reference, pid);
+  if (reading == rsw::PacketReading::ok) return Outcome::done;
+  return reading == rsw::PacketReading::too_long ? Outcome::bad_packet : Outcome::bad_reference;
 }
 
-// By reference only where the pool can be had; a client looks at packet_ref in either case.
+// By reference only where the pool can be had; a client looks at packet_ref in either case. The packet is the client's
+// before it is told: should it die meanwhile, it is taken back with all that it had.
 Outcome PacketSap::hand_over(const packet::Receiver &receiver, std::span<std::byte> message,
                              std::span<const std::byte> packet) {
-  return outcome_of(transport_->send(receiver.sap, IP_OPCODE_PACKET, message, packet));
+  if (receiver.by_segments || !pool_) {
+    return outcome_of(transport_->send(receiver.sap, IP_OPCODE_PACKET, message, packet));
+  }
+  struct mbuf *buffers = rsw::make_packet({reinterpret_cast<const uint8_t *>(packet.data()), packet.size()});
+  if (buffers == nullptr) return Outcome::no_memory;
+  m_set_owner(buffers, receiver.pid);
+  const auto reference = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(buffers));
+  std::memcpy(message.data() + offsetof(ip_msg_input, packet_ref), &reference, sizeof reference);
+  const Outcome outcome = outcome_of(transport_->send(receiver.sap, IP_OPCODE_PACKET, message));
+  if (outcome != Outcome::done) m_freem(buffers);
+  return outcome;
 }
 
 Outcome PacketSap::deliver(const packet::Receiver &receiver, std::span<std::byte> message,

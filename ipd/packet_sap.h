@@ -17,8 +17,10 @@ namespace ipd {
 
 class PacketSap final : public packet::Delivery {
  public:
-  // From now on packets are taken, out of the loop. Null: *reason.
-  static std::unique_ptr<PacketSap> open(EventLoop &loop, const Configuration &configuration, std::string *reason);
+  // From now on packets are taken, out of the loop. `pool`: packets go to clients by reference where they want that.
+  // Null: *reason.
+  static std::unique_ptr<PacketSap> open(EventLoop &loop, const Configuration &configuration, bool pool,
+                                         std::string *reason);
   PacketSap(const PacketSap &) = delete;
   PacketSap &operator=(const PacketSap &) = delete;
 
@@ -36,12 +38,13 @@ class PacketSap final : public packet::Delivery {
     packet::Outcome take(uint32_t reference, int32_t pid, std::span<std::byte> into, size_t *length) override;
   };
 
-  explicit PacketSap(std::unique_ptr<control::MtsTransport> transport);
+  PacketSap(std::unique_ptr<control::MtsTransport> transport, bool pool);
   void read();
   packet::Outcome hand_over(const packet::Receiver &receiver, std::span<std::byte> message,
                             std::span<const std::byte> packet);
 
   std::unique_ptr<control::MtsTransport> transport_;
+  bool pool_;
   control::Rights rights_;
   PoolReferences references_;
   packet::Service service_;
