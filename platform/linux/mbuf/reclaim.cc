@@ -45,12 +45,15 @@ bool is_attached_and_alive(const SegmentMap &map, int32_t pid) {
   return false;
 }
 
-// Nobody holds the group any more. Results: the buffers that were free in it.
-uint32_t open_group(Group &group, uint32_t number) {
+// Nobody holds the group any more: its holder is dead. Results: the buffers that were free in it.
+uint32_t open_group(Group &group, uint32_t number, int32_t holder) {
   const uint32_t free = free_bits(group);
   for (uint32_t bits = free; bits != 0; bits &= bits - 1) {
-    // Its holder may have died when it had written the state and not yet cleared the bit.
-    word(buffer_at(number, index_of(bits))->state).store(0, std::memory_order_relaxed);
+    PacketBuffer *buffer = buffer_at(number, index_of(bits));
+    // Its holder may have died when it had written owner and state and not yet cleared the bit. What others own is in
+    // use, and the bit is damage.
+    if (word(buffer->head.owner).load(std::memory_order_relaxed) != holder) continue;
+    word(buffer->state).store(0, std::memory_order_relaxed);
   }
   // Release: the states come first; the partner is the acquire of whoever claims the group.
   word(group.holder).store(0, std::memory_order_release);
@@ -73,7 +76,7 @@ uint32_t take_back_all_of(int32_t pid) {
   for (uint32_t number = first_group; number < groups; ++number) {
     Group &group = group_at(number);
     const uint32_t holder = word(group.holder).load(std::memory_order_relaxed);  // the holder is dead
-    if (holder != 0 && process_of(holder) == pid) buffers += open_group(group, number);
+    if (holder != 0 && process_of(holder) == pid) buffers += open_group(group, number, pid);
     for (uint32_t used = ~free_bits(group); used != 0; used &= used - 1) {
       PacketBuffer *buffer = buffer_at(number, index_of(used));
       if (word(buffer->head.owner).load(std::memory_order_relaxed) == pid && take_back(buffer, pid)) ++buffers;
@@ -125,7 +128,7 @@ uint32_t take_back_orphans(const SegmentMap &map) {
     // Acquire: whoever holds it signed its entry before; the partner is the release in claim().
     const uint32_t holder = word(group.holder).load(std::memory_order_acquire);
     if (holder != 0 && process_of(holder) != own_pid() && !is_attached_and_alive(map, process_of(holder))) {
-      buffers += open_group(group, number);
+      buffers += open_group(group, number, process_of(holder));
     }
     for (uint32_t used = ~free_bits(group); used != 0; used &= used - 1) {
       PacketBuffer *buffer = buffer_at(number, index_of(used));
