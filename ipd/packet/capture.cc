@@ -19,7 +19,7 @@ uint32_t direction_of(const Passed &what) {
 }
 
 bool is_of_protocol(std::span<const std::byte> packet, uint32_t protocol) {
-  return packet.size() >= shortest_header && packet[0] >> 4 == std::byte{4} &&
+  return packet.size() >= shortest_header && (packet[0] >> 4) == std::byte{4} &&
          std::to_integer<uint32_t>(packet[protocol_at]) == protocol;
 }
 
