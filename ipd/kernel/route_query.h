@@ -35,9 +35,9 @@ class RouteQuery {
   static std::unique_ptr<RouteQuery> over_rtnetlink();
   virtual ~RouteQuery() = default;
 
-  // Results: 0. ENETUNREACH, EHOSTUNREACH, EACCES: no route, or one that refuses. EINVAL: one that drops; or `source`
-  // is not of this system. ENODEV: there is no such interface. ENETDOWN: it is down. ETIMEDOUT: no answer. Else the
-  // error number of the kernel or the socket.
+  // Results: 0. ENETUNREACH, EHOSTUNREACH, EACCES: no route, or one that refuses. EINVAL: one that drops. EINVAL,
+  // ENETUNREACH: or `source` is not of this system. ENODEV: there is no such interface. ENETDOWN: it is down.
+  // ETIMEDOUT: no answer. Else the error number of the kernel or the socket.
   virtual int ask(const RouteQuestion &question, RouteAnswer *answer) = 0;
 };
 

@@ -114,10 +114,11 @@ Outcome IpOutput::begin(const Way &way, uint32_t destination, uint32_t source, P
   return Outcome::done;
 }
 
-// Rules may choose a table by the source, but the kernel takes only its own addresses for one.
+// Rules may choose a table by the source, but the kernel takes only its own addresses for one, and says of others what
+// it says without a route: EINVAL or ENETUNREACH, as its version has it.
 Outcome IpOutput::ask(Path &path) const {
   int error = routes_.ask(path.question, &path.route);
-  if (error == EINVAL && path.question.source != 0) {
+  if ((error == EINVAL || error == ENETUNREACH) && path.question.source != 0) {
     path.question.source = 0;
     error = routes_.ask(path.question, &path.route);
   }

@@ -111,11 +111,15 @@ TEST_F(IpOutputTest, WhatIsZeroIsFilledIn) {
 }
 
 TEST_F(IpOutputTest, ASourceThatIsNotOursDoesNotChooseTheRoute) {
-  routes.foreign_source = true;
-  EXPECT_EQ(send({}, {.source = far}), Outcome::done);
-  EXPECT_EQ(routes.questions.size(), 2u);
-  EXPECT_EQ(routed().first, RawWay{});
-  EXPECT_EQ(ipv4::source(routed().second), far);
+  for (const int error : {EINVAL, ENETUNREACH}) {
+    routes.foreign_source = error;
+    routes.questions.clear();
+    raw.sent.clear();
+    EXPECT_EQ(send({}, {.source = far}), Outcome::done);
+    EXPECT_EQ(routes.questions.size(), 2u);
+    EXPECT_EQ(routed().first, RawWay{});
+    EXPECT_EQ(ipv4::source(routed().second), far);
+  }
 }
 
 TEST_F(IpOutputTest, WithoutASourceNothingIsSent) {

@@ -23,14 +23,14 @@ class FakeRoutes final : public ipd::kernel::RouteQuery {
  public:
   int ask(const ipd::kernel::RouteQuestion &question, ipd::kernel::RouteAnswer *answer) override {
     questions.push_back(question);
-    if (question.source != 0 && foreign_source) return EINVAL;
+    if (question.source != 0 && foreign_source != 0) return foreign_source;
     if (error != 0) return error;
     *answer = route;
     return 0;
   }
   ipd::kernel::RouteAnswer route{.type = RTN_UNICAST, .ifindex = 2, .source = 0x0a000001};
   int error = 0;
-  bool foreign_source = false;
+  int foreign_source = 0;  // what it says of any source
   std::vector<ipd::kernel::RouteQuestion> questions;
 };
 
