@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+/* A client of the IP process that hands it packets, step by step, and says on one line each what came of it.
+ *
+ *   attach CARRIAGE     becomes a client, with a queue for packets; "segments": they travel inside the messages, else
+ * by reference packet HEX          the packet of what follows output IF HOP CONTEXT FLAGS from MAC IF HOP CONTEXT FLAGS
+ * the same, with a source of the frame l2 IF HOP VLAN MAC FLAGS              - for a MAC that is not given mvr IF HOP
+ * VLAN MAC FLAGS dce IF HOP VLAN MAC FLAGS MAC         with the source of the frame last
+ */
+#include <arpa/inet.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#define LIBIP_NO_INET_NTOA
+#include "im.h"
+#include "ip_api.h"
+#include "mbuf.h"
+
+#define NO_QUEUE 0xffffffffu
+
+static uint8_t bytes[65535];
+static uint32_t length;
+
+static void say(const char *what, uint32_t result) {
+  printf("%s %u\n", what, result);
+  fflush(stdout);
+}
+
+static uint32_t address_of(const char *text) {
+  struct in_addr address;
+  if (inet_pton(AF_INET, text, &address) != 1) exit(2);
+  return ntohl(address.s_addr);
+}
+
+static uint32_t interface_of(const char *name) {
+  for (uint32_t iod = im_get_next_ext_if(0, 267); iod != 0; iod = im_get_next_ext_if(iod, 267)) {
+    const char *found = im_get_if_name(iod);
+    if (found != NULL && strcmp(found, name) == 0) return iod;
+  }
+  return 0;
+}
+
+static uint32_t number_of(const char *text) {
+  return (uint32_t)strtoul(text, NULL, 0);
+}
+
+static const uint8_t *mac_of(const char *text, uint8_t *room) {
+  unsigned words[6];
+  if (strcmp(text, "-") == 0) return NULL;
+  if (sscanf(text, "%x:%x:%x:%x:%x:%x", words, words + 1, words + 2, words + 3, words + 4, words + 5) != 6) exit(2);
+  for (int i = 0; i < 6; ++i) room[i] = (uint8_t)words[i];
+  return room;
+}
+
+static void read_packet(const char *hex) {
+  length = 0;
+  for (; hex[0] != '\0' && hex[1] != '\0' && length < sizeof bytes; hex += 2) {
+    const char pair[3] = {hex[0], hex[1], '\0'};
+    bytes[length++] = (uint8_t)strtoul(pair, NULL, 16);
+  }
+}
+
+static struct mbuf *packet(void) {
+  struct mbuf *made = m_gethdr();
+  if (made != NULL && m_append(made, bytes, length) == 1) return made;
+  m_freem(made);
+  fprintf(stderr, "no buffers\n");
+  exit(3);
+}
+
+static uint32_t attach(const char *carriage) {
+  uint32_t queue = NO_QUEUE;
+  if (ip_api_init() == NULL || ip_init_mts(&queue, -1) == 0) return 0;
+  const uint32_t chosen =
+      strcmp(carriage, "segments") == 0 ? ip_client_set_recv_fn_with_tx_mts("output") : ip_client_set_recv_fn("output");
+  if (chosen == 0) return 0;
+  return ip_register("output", queue, NO_QUEUE, 253, 0, &ip_client, 0, 0);
+}
+
+static uint32_t output(char **words) {
+  return ip_cl_output(interface_of(words[0]), packet(), address_of(words[1]), (int32_t)number_of(words[2]),
+                      number_of(words[3]), &ip_client);
+}
+
+static uint32_t output_from(char **words) {
+  uint8_t source[6];
+  return ip_cl_output_src_l2_addr(interface_of(words[1]), packet(), address_of(words[2]), (int32_t)number_of(words[3]),
+                                  number_of(words[4]), &ip_client, mac_of(words[0], source));
+}
+
+static uint32_t output_l2(const char *verb, char **words) {
+  uint8_t destination[6];
+  uint8_t source[6];
+  const uint32_t iod = interface_of(words[0]);
+  const uint32_t next_hop = address_of(words[1]);
+  const uint32_t vlan = number_of(words[2]);
+  const uint8_t *to = mac_of(words[3], destination);
+  const uint32_t flags = number_of(words[4]);
+  if (strcmp(verb, "l2") == 0) return ip_cl_output_l2(packet(), iod, next_hop, vlan, 0, 1, to, flags);
+  if (strcmp(verb, "mvr") == 0) return ip_cl_output_l2_mvr(packet(), iod, next_hop, vlan, 0, 1, to, flags);
+  return ip_cl_output_l2_dce(packet(), iod, next_hop, vlan, 1, to, 7, 8, 9, 10, 11, 12, 13, 14,
+                             mac_of(words[5], source), 112, 108);
+}
+
+/* One step. How many words it took; 0: there is no such step. */
+static int step(char **words, int count) {
+  const char *verb = words[0];
+  if (strcmp(verb, "attach") == 0 && count >= 2) {
+    say(verb, attach(words[1]));
+    return 2;
+  }
+  if (strcmp(verb, "packet") == 0 && count >= 2) {
+    read_packet(words[1]);
+    return 2;
+  }
+  if (strcmp(verb, "output") == 0 && count >= 5) {
+    say(verb, output(words + 1));
+    return 5;
+  }
+  if (strcmp(verb, "from") == 0 && count >= 6) {
+    say(verb, output_from(words + 1));
+    return 6;
+  }
+  if ((strcmp(verb, "l2") == 0 || strcmp(verb, "mvr") == 0) && count >= 6) {
+    say(verb, output_l2(verb, words + 1));
+    return 6;
+  }
+  if (strcmp(verb, "dce") == 0 && count >= 7) {
+    say(verb, output_l2(verb, words + 1));
+    return 7;
+  }
+  return 0;
+}
+
+int main(int argc, char **argv) {
+  for (int i = 1; i < argc;) {
+    const int taken = step(argv + i, argc - i);
+    if (taken == 0) {
+      fprintf(stderr, "no such step: %s\n", argv[i]);
+      return 2;
+    }
+    i += taken;
+  }
+  return 0;
+}
