@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ipd/packet_handlers.h"
 
+#include "ip_packet.h"
 #include "ip_show.h"
 
 namespace ipd {
@@ -9,15 +10,21 @@ PacketHandlers::PacketHandlers(State &state, const Publisher &publisher, const k
                                EventLoop &loop, ControlSap &control, ControlHandlers & /*requests*/, PacketSap &packets)
     : box_(state, publisher),
       senders_(box_, picture, loop),
+      icmp_output_(senders_.output()),
+      icmp_errors_(box_, senders_.output(), {}),
       show_(control.transport(), packets.service()),
       capture_(control.transport()) {
   senders_.add_to(packets.service());
+  packets.service().add(icmp_output_, {IP_MSG_ICMP_OUTPUT});
+  packets.service().add(icmp_errors_, {IP_MSG_ICMP_ERROR, IP_MSG_DRIVER_ICMP});
   control.service().add(show_, {IP_MSG_SHOW_PACKETS});
   control.service().add(capture_, {IP_MSG_CAPTURE});
   packets.service().add(capture_);
 }
 
-void PacketHandlers::configure(const Configuration & /*configuration*/) {}
+void PacketHandlers::configure(const Configuration &configuration) {
+  icmp_errors_.configure(configuration.icmp_errors);
+}
 
 void PacketHandlers::tick() {
   senders_.tick();

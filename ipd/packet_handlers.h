@@ -10,6 +10,8 @@
 #include "ipd/event_loop.h"
 #include "ipd/kernel/picture.h"
 #include "ipd/packet/capture.h"
+#include "ipd/packet/icmp_errors.h"
+#include "ipd/packet/icmp_output.h"
 #include "ipd/packet/show.h"
 #include "ipd/packet_sap.h"
 #include "ipd/packet_senders.h"
@@ -28,6 +30,8 @@ class PacketHandlers {
  private:
   control::LiveBox box_;
   PacketSenders senders_;
+  packet::IcmpOutput icmp_output_;
+  packet::IcmpErrors icmp_errors_;
   packet::Show show_;
   packet::Capture capture_;
 };

@@ -177,6 +177,11 @@ uint32_t IpOutput::source_towards(const Way &way, uint32_t destination) {
   return find_path(way, destination, 0, path) == Outcome::done ? source_of(path) : 0;
 }
 
+uint32_t IpOutput::mtu_towards(const Way &way, uint32_t destination) {
+  Path path;
+  return find_path(way, destination, 0, path) == Outcome::done ? static_cast<uint32_t>(path.mtu) : 0;
+}
+
 Outcome IpOutput::send_raw(const Way &way, const Path &path, ipv4::Bytes packet) {
   // With another next hop on a link without neighbours, the link is what counts.
   const bool names_another = way.next_hop != 0 && way.next_hop != ipv4::destination(packet);

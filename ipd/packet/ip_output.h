@@ -26,6 +26,7 @@ class IpOutput final : public Output {
 
   Outcome send(const Way &way, std::span<std::byte> packet) override;
   [[nodiscard]] uint32_t source_towards(const Way &way, uint32_t destination) override;
+  [[nodiscard]] uint32_t mtu_towards(const Way &way, uint32_t destination) override;
 
  private:
   using Facts = std::optional<control::InterfaceFacts>;

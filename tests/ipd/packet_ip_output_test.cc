@@ -393,4 +393,14 @@ TEST_F(IpOutputTest, TheSourceTowardsSomebodyIsTheRoutes) {
   expect_nothing_sent();
 }
 
+TEST_F(IpOutputTest, TheMtuTowardsSomebodyIsTheRoutesElseTheInterfaces) {
+  EXPECT_EQ(output.mtu_towards({}, b), 1500u);
+  routes.route.mtu = 1280;
+  EXPECT_EQ(output.mtu_towards({}, b), 1280u);
+  EXPECT_EQ(output.mtu_towards({.iod = 99}, b), 0u);
+  routes.error = ENETUNREACH;
+  EXPECT_EQ(output.mtu_towards({}, b), 0u);
+  expect_nothing_sent();
+}
+
 }  // namespace
