@@ -3,15 +3,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <functional>
 #include <memory>
 
-#include "mts/wire.h"
+#include "platform/mts_raw_sender.h"
 #include "platform/mts_rig.h"
 #include "support/process.h"
 #include "support/run_directory.h"
@@ -186,46 +183,6 @@ TEST_F(MtsFaults, AServerIsToldBehindTheLastMessageWhoIsGone) {
   EXPECT_EQ(mts_drop(server, msg), 0);
 }
 
-// A connection by hand, which says anything.
-class RawSender {
- public:
-  explicit RawSender(const std::string &path) : fd_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) throw std::runtime_error("connect");
-  }
-  ~RawSender() { close(fd_); }
-  RawSender(const RawSender &) = delete;
-  RawSender &operator=(const RawSender &) = delete;
-  void write(const rsw::mts::WireHeader &header, size_t extra) const {
-    std::string bytes(sizeof header + extra, 'r');
-    memcpy(bytes.data(), &header, sizeof header);
-    ASSERT_EQ(::send(fd_, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-  }
-  void write(const std::string &bytes) const {
-    ASSERT_EQ(::send(fd_, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-  }
-  [[nodiscard]] bool was_closed() const {
-    char byte = 0;
-    const ssize_t got = recv(fd_, &byte, 1, MSG_DONTWAIT);
-    return got == 0 || (got < 0 && errno != EAGAIN);
-  }
-
- private:
-  int fd_;
-};
-
-rsw::mts::WireHeader good_header() {
-  rsw::mts::WireHeader header{};
-  header.magic = rsw::mts::wire_magic;
-  header.kind = 1;
-  header.opcode = 5;
-  header.sap = 3000;
-  header.size = 8;
-  return header;
-}
-
 struct Forgery {
   const char *name;
   std::function<void(rsw::mts::WireHeader &)> change;
@@ -283,70 +240,6 @@ TEST_F(MtsFaults, AWellFormedRawMessageIsTaken) {
   mts_msg_ref_t msg = nullptr;
   EXPECT_EQ(mts_recv_now(server, &msg), -1);
   EXPECT_EQ(use_of(263).refused, 1u);
-}
-
-TEST_F(MtsFaults, AnotherUserCannotSendInANameThatIsNotItsOwn) {
-  if (geteuid() != 0) return;  // only root can become somebody else
-  ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);
-  const Queue server(263);
-  const Queue victim;
-  Process forger([this, sap = victim.sap()] {
-    if (setgid(65534) != 0 || setuid(65534) != 0) return 1;
-    const RawSender raw(directory.path() + "/mts/263");
-    rsw::mts::WireHeader header = good_header();
-    header.sap = sap;
-    raw.write(header, 8);
-    return wait_until([&] { return raw.was_closed(); }) ? 0 : 2;
-  });
-  ASSERT_TRUE(wait_until([&] {
-    mts_msg_ref_t msg = nullptr;
-    mts_recv_now(server, &msg);
-    return use_of(263).refused == 1;
-  }));
-  EXPECT_EQ(forger.wait(), 0);
-}
-
-TEST_F(MtsFaults, ASapThatHasAnotherOwnerMeanwhileDoesNotSpoilWhatWasSentBefore) {
-  if (geteuid() != 0) return;  // only root can become somebody else
-  ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);
-  const Queue server(263);
-  Process sender([] {
-    if (setgid(65534) != 0 || setuid(65534) != 0) return 1;
-    const Queue queue;
-    return send(queue, 263, 1, "farewell") == 0 && queue.sap() == 2048 ? 0 : 2;
-  });
-  ASSERT_EQ(sender.wait(), 0);
-  const Queue next;
-  ASSERT_EQ(next.sap(), 2048u);
-  mts_msg_ref_t msg = nullptr;
-  ASSERT_EQ(receive_reference(server, &msg), 0);
-  EXPECT_EQ(text_of(msg), "farewell");
-  rsw::MtsSender told{};
-  ASSERT_TRUE(rsw::mts_sender(msg, &told));
-  EXPECT_EQ(told.uid, 65534u);
-  EXPECT_EQ(told.sap, 0u) << "an answer would reach somebody else";
-  EXPECT_EQ(mts_drop(server, msg), 0);
-  EXPECT_EQ(use_of(263).refused, 0u);
-}
-
-TEST_F(MtsFaults, AnotherUserGetsADynamicSapAndNoFixedOne) {
-  if (geteuid() != 0) return;  // only root can become somebody else
-  ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);
-  const Queue server(263);
-  Process other([] {
-    if (setgid(65534) != 0 || setuid(65534) != 0) return 1;
-    if (bind(264) != no_queue || errno != EACCES) return 2;
-    const Queue queue;
-    return send(queue, 263, 1, "hello") == 0 ? 0 : 3;
-  });
-  EXPECT_EQ(other.wait(), 0);
-  mts_msg_ref_t msg = nullptr;
-  ASSERT_EQ(receive_reference(server, &msg), 0);
-  rsw::MtsSender sender{};
-  ASSERT_TRUE(rsw::mts_sender(msg, &sender));
-  EXPECT_EQ(sender.uid, 65534u);
-  EXPECT_EQ(sender.gid, 65534u);
-  EXPECT_EQ(mts_drop(server, msg), 0);
 }
 
 }  // namespace

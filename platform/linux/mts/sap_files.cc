@@ -116,7 +116,11 @@ int bind_socket(int directory, uint32_t sap, Descriptor *bound) {
 int take(uint32_t sap, BoundSap *bound) {
   if (const int error = lock_sap(bound->directory.get(), sap, &bound->lock); error != 0) return error;
   const int error = bind_socket(bound->directory.get(), sap, &bound->socket);
-  if (error != 0) bound->lock.reset();
+  if (error != 0) {
+    // As long as we hold the lock, the file is ours.
+    unlinkat(bound->directory.get(), record_name(sap).c_str(), 0);
+    bound->lock.reset();
+  }
   bound->sap = error == 0 ? sap : 0;
   return error;
 }
