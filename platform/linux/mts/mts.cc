@@ -6,6 +6,7 @@
 
 #include <new>
 
+#include "mts/mts_server.h"
 #include "mts/queue_table.h"
 #include "mts/references.h"
 
@@ -73,6 +74,12 @@ int send_request(Queue &queue, uint32_t handle, uint32_t sap, const OutMessage &
   return 0;
 }
 
+void add_pieces(const mts_send_opts *options, OutMessage *message) {
+  if (options == nullptr) return;
+  message->vector = mts_send_opts_vector(options);
+  message->pieces = message->vector != nullptr ? options->w[1] : 0;
+}
+
 bool may_be_sent(uint32_t node, uint32_t sap, const OutMessage &message, int *error) {
   *error = 0;
   if (node != local_node) *error = EHOSTUNREACH;
@@ -133,10 +140,7 @@ int32_t mts_options_set(uint32_t queue, uint32_t opcode, uint32_t value) {
 int32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_t opcode, void *payload, uint32_t size,
                  mts_msg_ref_t *sent, uint32_t, void *opts) {
   OutMessage message{.opcode = opcode, .payload = payload, .size = size};
-  if (const auto *options = static_cast<const struct mts_send_opts *>(opts); options != nullptr) {
-    message.vector = mts_send_opts_vector(options);
-    message.pieces = message.vector != nullptr ? options->w[1] : 0;
-  }
+  add_pieces(static_cast<const struct mts_send_opts *>(opts), &message);
   int error = 0;
   if (!may_be_sent(node, sap, message, &error)) return result_of(error);
   return on_queue(queue, [&](Queue &own) {
@@ -201,3 +205,16 @@ uint32_t mts_rr_token_get(mts_msg_ref_t msg) {
 }
 
 }  // extern "C"
+
+namespace rsw {
+
+int32_t mts_send_back(uint32_t queue, const MtsSender &to, uint32_t opcode, const void *payload, uint32_t size,
+                      const mts_send_opts *opts) {
+  OutMessage message{.opcode = opcode, .payload = payload, .size = size, .process = to.pid};
+  add_pieces(opts, &message);
+  int error = to.pid >= 0 ? 0 : EINVAL;
+  if (error != 0 || !may_be_sent(local_node, to.sap, message, &error)) return result_of(error);
+  return on_queue(queue, [&](Queue &own) { return own.send(to.sap, message); });
+}
+
+}  // namespace rsw

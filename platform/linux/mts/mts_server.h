@@ -54,6 +54,16 @@ RSW_EXPORT int32_t mts_reject(uint32_t queue, mts_msg_ref_t request);
 RSW_EXPORT int32_t mts_watch_peers(uint32_t queue, bool on);
 RSW_EXPORT bool mts_is_gone(mts_msg_ref_t msg);
 
+// As mts_send without a reference, but for one process: a SAP is given again when its queue is gone, and what is meant
+// for who asked from it is not the next owner's to read.
+//   to            a sender as mts_sender tells it, by its SAP and process. Processes that this one cannot see, because
+//                 they are of another PID namespace, are all process 0
+//   opts          as mts_send's
+// Threads: any. Blocks: as mts_send. Owns: nothing. Results: as mts_send; errno ECONNREFUSED, too, when another process
+// has the SAP.
+RSW_EXPORT int32_t mts_send_back(uint32_t queue, const MtsSender &to, uint32_t opcode, const void *payload,
+                                 uint32_t size, const mts_send_opts *opts);
+
 // How long mts_send on this queue waits for room, instead of 2,000 milliseconds. 0: not at all.
 // Threads: any. Blocks: no. Results: 0. Negative: there is no such queue.
 RSW_EXPORT int32_t mts_set_patience(uint32_t queue, int32_t milliseconds);

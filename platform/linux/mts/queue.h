@@ -42,6 +42,7 @@ struct OutMessage {
   uint32_t size = 0;
   const mts_iovec *vector = nullptr;
   uint32_t pieces = 0;
+  int32_t process = -1;  // the only one that may have it; -1: whichever has the SAP
 };
 
 // How long to wait. `forever` and `no_wait` are deadlines too.

@@ -107,6 +107,15 @@ int Queue::send_once(uint32_t sap, const OutMessage &message, Patience *patience
   if (is_closed_) return EBADF;
   std::shared_ptr<Connection> connection;
   if (const int error = connection_to(sap, patience, lock, &connection); error != 0) return error;
+  if (message.process >= 0 && connection->credentials.pid != message.process) {
+    // It may be the one to which the SAP belonged before.
+    *peer_gone = has_hung_up(connection->socket.get());
+    if (*peer_gone) {
+      drain(connection);
+      end(connection);
+    }
+    return ECONNREFUSED;
+  }
   const bool first_on_it = !connection->sent;
   connection->sent = true;
   // The response may be there before sendmsg has returned.
