@@ -46,8 +46,8 @@ using fuzz::Input;
 
 class CheckedTransport final : public Transport {
  public:
-  int send(uint32_t sap, uint32_t, std::span<const std::byte> message) override {
-    check(message.size() <= IP_MAX_IPC_PAYLOAD && saps.contains(sap));
+  int send(const Sender &to, uint32_t, std::span<const std::byte> message) override {
+    check(message.size() <= IP_MAX_IPC_PAYLOAD && saps.contains(to.sap));
     return error;
   }
   int answer(const Request &request, std::span<const std::byte> message) override {

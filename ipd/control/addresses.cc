@@ -142,7 +142,7 @@ int Addresses::reply(const Sender &sender, const Answer &answer) {
   message.header = reply_header(IP_MSG_CONFIG_ADDRESS);
   message.cfg_result = answer.result;
   message.status = answer.status;
-  return transport_.send(sender.sap, IP_OPCODE_CONFIGURE, std::as_bytes(std::span(&message, 1)));
+  return transport_.send(sender, IP_OPCODE_CONFIGURE, std::as_bytes(std::span(&message, 1)));
 }
 
 // Now, or later when the caller has room. False: never.

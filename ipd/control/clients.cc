@@ -49,7 +49,7 @@ int Clients::reply(const Request &request, bool accepted) {
   ip_msg_register_reply message{};
   std::memcpy(&message, &header, offsetof(ip_msg_register_reply, result));
   message.result = accepted ? 1 : 0;
-  return transport_.send(request.sender.sap, IP_OPCODE_CLIENT, std::as_bytes(std::span(&message, 1)));
+  return transport_.send(request.sender, IP_OPCODE_CLIENT, std::as_bytes(std::span(&message, 1)));
 }
 
 Refusal Clients::handle(const Request &request) {

@@ -9,8 +9,9 @@
 // A round of messages has a budget, so that a change that a thousand receivers want to know of, or a full set of a
 // hundred thousand interfaces, does not keep ipd from the kernel's events. What is left goes out at the next tick.
 //
-// A SAP is given again when its queue is gone. So information goes only to the SAP that it was asked from, and a
-// download ends with the queue that asked, with its process, or with the first message that cannot be delivered.
+// A SAP is given again when its queue is gone. So information goes only to the SAP that it was asked from, while the
+// process that asked has it; and a download ends with the queue that asked, with its process, or with the first message
+// that cannot be delivered.
 #include "ipd/control/downloads.h"
 
 #include <algorithm>
@@ -67,15 +68,15 @@ Refusal Downloads::handle(const Request &request) {
 Refusal Downloads::begin(Key key, const Sender &sender, bool follow) {
   const auto same = receivers_.find(key);
   // One that another process began under that SAP has lost its queue.
-  if (same == receivers_.end() || same->second.pid != sender.pid) {
+  if (same == receivers_.end() || same->second.asked_by.pid != sender.pid) {
     const auto held =
-        std::ranges::count_if(receivers_, [&](const auto &each) { return each.second.pid == sender.pid; });
+        std::ranges::count_if(receivers_, [&](const auto &each) { return each.second.asked_by.pid == sender.pid; });
     if (static_cast<size_t>(held) >= most_of_a_process) return Refusal::limit;
     if (same == receivers_.end() && receivers_.size() >= most_of_all) return Refusal::limit;
   }
   if (receivers_.empty()) interfaces_.read();
   Receiver &receiver =
-      receivers_.insert_or_assign(key, Receiver{.pid = sender.pid, .download = Download(follow)}).first->second;
+      receivers_.insert_or_assign(key, Receiver{.asked_by = sender, .download = Download(follow)}).first->second;
   size_t budget = round_budget;
   const bool over = tell(key, receiver, budget) == Outcome::over;
   const bool undelivered = over && !receiver.download.over();
@@ -92,7 +93,7 @@ Downloads::Outcome Downloads::tell(const Key &key, Receiver &receiver, size_t &b
     if (cost > budget) return Outcome::later;
     budget -= cost;
     const auto message = encode_(key.second, batch->entries);
-    const int error = message ? transport_.send(key.first, IP_OPCODE_IF_INFO, *message) : ENOMEM;
+    const int error = message ? transport_.send(receiver.asked_by, IP_OPCODE_IF_INFO, *message) : ENOMEM;
     if (error != 0) {
       if (!is_passing(error)) return Outcome::over;
       receiver.pause = std::clamp<Clock::duration>(2 * receiver.pause, first_pause, longest_pause);
@@ -124,16 +125,17 @@ void Downloads::tell_all() {
 }
 
 void Downloads::process_gone(int32_t pid) {
-  end_if([pid](const auto &each) { return each.second.pid == pid; });
+  end_if([pid](const auto &each) { return each.second.asked_by.pid == pid; });
 }
 
 void Downloads::add_holdings(int32_t pid, Holdings &held) const {
-  const auto count = std::ranges::count_if(receivers_, [pid](const auto &each) { return each.second.pid == pid; });
+  const auto count =
+      std::ranges::count_if(receivers_, [pid](const auto &each) { return each.second.asked_by.pid == pid; });
   held.downloads += static_cast<uint32_t>(count);
 }
 
 void Downloads::queue_gone(const Sender &sender) {
-  end_if([&](const auto &each) { return each.second.pid == sender.pid && each.first.first == sender.sap; });
+  end_if([&](const auto &each) { return each.second.asked_by.pid == sender.pid && each.first.first == sender.sap; });
 }
 
 void Downloads::interfaces_changed(const std::set<uint32_t> &ifindexes) {

@@ -44,7 +44,7 @@ class Downloads final : public Handler {
  private:
   using Key = std::pair<uint32_t, uint32_t>;  // SAP, cookie
   struct Receiver {
-    int32_t pid;
+    Sender asked_by;
     Download download;
     Clock::duration pause{};  // before the next try; 0: the last one was good
     Clock::time_point next_try{};

@@ -80,8 +80,10 @@ bool MtsTransport::sender_in_group(const Request &request, uint32_t gid) {
   return rsw::mts_sender_in_group(request.reference, gid);
 }
 
-int MtsTransport::send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message) {
-  return send(sap, opcode, message, {});
+int MtsTransport::send(const Sender &to, uint32_t opcode, std::span<const std::byte> message) {
+  const rsw::MtsSender receiver{.pid = to.pid, .uid = to.uid, .gid = 0, .sap = to.sap};
+  return error_of(
+      rsw::mts_send_back(queue_, receiver, opcode, message.data(), static_cast<uint32_t>(message.size()), nullptr));
 }
 
 int MtsTransport::send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message,

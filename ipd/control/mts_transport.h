@@ -34,9 +34,9 @@ class MtsTransport final : public Transport {
                const std::function<void(const Sender &)> &gone, std::string *reason);
   [[nodiscard]] static bool sender_in_group(const Request &request, uint32_t gid);
 
-  int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message) override;
-  // The same, with a packet behind the message.
-  int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message, std::span<const std::byte> packet);
+  int send(const Sender &to, uint32_t opcode, std::span<const std::byte> message) override;
+  // To whoever has the SAP; with a packet behind the message.
+  int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message, std::span<const std::byte> packet = {});
   int answer(const Request &request, std::span<const std::byte> message) override;
   int reject(const Request &request) override;
 

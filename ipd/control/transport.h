@@ -17,7 +17,8 @@ class Transport {
 
   // None of them waits. Results: 0, or an error number: EAGAIN: the receiver has no room now; ECONNREFUSED, ECONNRESET:
   // it is gone.
-  virtual int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message) = 0;
+  // To the SAP of a sender, as long as its process has it.
+  virtual int send(const Sender &to, uint32_t opcode, std::span<const std::byte> message) = 0;
   // Answers a request of the transport; rejects it.
   virtual int answer(const Request &request, std::span<const std::byte> message) = 0;
   virtual int reject(const Request &request) = 0;

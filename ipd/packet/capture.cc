@@ -100,7 +100,7 @@ bool Capture::tell(uint32_t sap, Wanted &capture, const Passed &what, const time
   const auto fixed = std::as_bytes(std::span(&record, 1));
   record_.assign(fixed.begin(), fixed.end());
   record_.insert(record_.end(), first.begin(), first.end());
-  switch (transport_.send(sap, IP_OPCODE_CLIENT, record_)) {
+  switch (transport_.send({.pid = capture.pid, .uid = 0, .sap = sap}, IP_OPCODE_CLIENT, record_)) {
     case 0:
       capture.dropped = 0;
       return true;

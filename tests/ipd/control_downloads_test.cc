@@ -53,17 +53,17 @@ struct Learned {
 // Queues by SAP, each with room for some messages; in the form that the fixture's encoding makes.
 class Queues final : public ipd::control::Transport {
  public:
-  int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message) override {
+  int send(const ipd::control::Sender &to, uint32_t opcode, std::span<const std::byte> message) override {
     ++tries;
     EXPECT_EQ(opcode, IP_OPCODE_IF_INFO);
     if (error != 0) return error;
-    if (room.contains(sap)) {
-      if (room[sap] == 0) return EAGAIN;
-      --room[sap];
+    if (room.contains(to.sap)) {
+      if (room[to.sap] == 0) return EAGAIN;
+      --room[to.sap];
     }
     std::vector<Entry> entries(message.size() / sizeof(Entry));
     if (!entries.empty()) std::memcpy(entries.data(), message.data(), message.size());
-    learned[sap].take(entries);
+    learned[to.sap].take(entries);
     return 0;
   }
   int answer(const ipd::control::Request &, std::span<const std::byte>) override { return EINVAL; }

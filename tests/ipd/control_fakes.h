@@ -71,9 +71,9 @@ class FakeTransport final : public ipd::control::Transport {
     }
   };
 
-  int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message) override {
+  int send(const ipd::control::Sender &to, uint32_t opcode, std::span<const std::byte> message) override {
     if (error != 0) return error;
-    sent.push_back({.sap = sap, .opcode = opcode, .bytes = {message.begin(), message.end()}});
+    sent.push_back({.sap = to.sap, .opcode = opcode, .bytes = {message.begin(), message.end()}});
     return 0;
   }
   int answer(const ipd::control::Request &request, std::span<const std::byte> message) override {

@@ -46,8 +46,8 @@ class RecordingTransport final : public Transport {
     uint32_t opcode;
     Bytes bytes;
   };
-  int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message) override {
-    if (error == 0) sent.push_back({sap, opcode, {message.begin(), message.end()}});
+  int send(const Sender &to, uint32_t opcode, std::span<const std::byte> message) override {
+    if (error == 0) sent.push_back({to.sap, opcode, {message.begin(), message.end()}});
     return error;
   }
   int answer(const Request &, std::span<const std::byte> message) override {
