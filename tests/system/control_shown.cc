@@ -100,6 +100,14 @@ uint64_t shown_count(uint16_t minor, uint32_t outcome) {
   return 0;
 }
 
+uint64_t shown_packets(uint16_t minor, uint32_t outcome) {
+  for (const auto &packets : shown<ip_show_packets>(IP_MSG_SHOW_PACKETS)) {
+    if (packets.direction != IP_SHOW_FROM_CLIENT || packets.minor != minor) continue;
+    return packets.counts[outcome][0] | uint64_t{packets.counts[outcome][1]} << 32;
+  }
+  return 0;
+}
+
 test_support::Process control_client(const std::string &steps) {
   std::vector<std::string> command{CONTROL_CLIENT};
   std::istringstream words(steps);

@@ -23,6 +23,8 @@ std::optional<ip_show_client> shown_client(pid_t pid);
 uint32_t holder_of(const std::string &name);
 // Messages of a minor type that were done, or that had another outcome.
 uint64_t shown_count(uint16_t minor, uint32_t outcome);
+// Packet messages of a minor type that had this outcome, IP_SHOW_PACKET_...
+uint64_t shown_packets(uint16_t minor, uint32_t outcome);
 
 // control_client with these steps, separated by blanks.
 test_support::Process control_client(const std::string &steps);
