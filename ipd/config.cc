@@ -194,7 +194,7 @@ Configuration read_configuration(std::string_view text) {
   const nlohmann::json json = parse_json(text);
   const JsonObject object(json, "",
                           {"contexts", "vips", "unnumbered", "multicast_routes", "leaks", "router_id", "log_level",
-                           "load_share", "icmp_errors", "read_group", "configure_group"});
+                           "load_share", "icmp_errors", "read_group", "configure_group", "input_to_kernel"});
   Configuration configuration;
   configuration.router_id = read_router_id(object);
   if (const auto level = object.text("log_level", 255)) configuration.log_level = read_level(object, *level);
@@ -207,6 +207,7 @@ Configuration read_configuration(std::string_view text) {
   }
   configuration.read_group = read_group(object, "read_group");
   configuration.configure_group = read_group(object, "configure_group");
+  configuration.input_to_kernel = object.truth("input_to_kernel").value_or(false);
   read_list(object, "contexts", {"name", "id", "table", "router_id", "interfaces"}, read_context, configuration);
   read_list(object, "vips", {"interface", "address"}, read_vip, configuration);
   read_list(object, "unnumbered", {"interface", "source"}, read_unnumbered, configuration);
@@ -268,6 +269,7 @@ std::string describe(const Configuration &configuration) {
   out += describe_icmp_errors(configuration.icmp_errors);
   if (!configuration.read_group.empty()) out += "read group " + configuration.read_group + "\n";
   if (!configuration.configure_group.empty()) out += "configure group " + configuration.configure_group + "\n";
+  if (configuration.input_to_kernel) out += "input goes to the kernel, too\n";
   for (const ContextRule &rule : configuration.contexts) {
     out += "context " + rule.name;
     if (rule.id != 0) out += " id " + std::to_string(rule.id);

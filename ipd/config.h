@@ -92,6 +92,7 @@ struct Configuration {
   IcmpErrorRule icmp_errors;
   // Who may ask, and who may change things; by name or number, empty: not said.
   std::string read_group, configure_group;
+  bool input_to_kernel = false;  // packets that clients hand in for input go to the kernel, too
   bool operator==(const Configuration &) const = default;
 };
 

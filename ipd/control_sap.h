@@ -34,6 +34,7 @@ class ControlSap {
   [[nodiscard]] control::Service &service() { return service_; }
   [[nodiscard]] control::Transport &transport() { return *transport_; }
   [[nodiscard]] control::Clients &clients() { return clients_; }
+  [[nodiscard]] const control::Rights &rights() const { return rights_; }
   void interfaces_changed(const std::set<uint32_t> &ifindexes) { service_.interfaces_changed(ifindexes); }
   void tick();
 

@@ -112,6 +112,7 @@ int IpProcess::open_kernel() {
   state_->configure(configuration_);
   state_->after_commit([this](const std::set<uint32_t> &ifindexes) {
     if (control_ != nullptr) control_->interfaces_changed(ifindexes);
+    if (packet_handlers_ != nullptr) packet_handlers_->interfaces_changed(ifindexes);
   });
   kernel_ = kernel::Rtnetlink::open(picture_, options_.receive_buffer, &reason);
   if (kernel_ == nullptr || !loop_->watch(

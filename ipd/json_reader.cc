@@ -116,6 +116,12 @@ std::optional<uint32_t> JsonObject::address(const char *key) const {
   return address;
 }
 
+std::optional<bool> JsonObject::truth(const char *key) const {
+  if (!has(key)) return std::nullopt;
+  if (!value_[key].is_boolean()) refuse(key, "must be true or false");
+  return value_[key].get<bool>();
+}
+
 bool read_file(const std::string &file, std::string *text, std::string *reason) {
   text->clear();
   FILE *stream = fopen(file.c_str(), "re");

@@ -41,6 +41,7 @@ class JsonObject {
   [[nodiscard]] std::string required_text(const char *key, size_t limit) const;
   [[nodiscard]] std::optional<uint64_t> number(const char *key, uint64_t least, uint64_t most) const;
   [[nodiscard]] std::optional<uint32_t> address(const char *key) const;  // host order
+  [[nodiscard]] std::optional<bool> truth(const char *key) const;
   [[noreturn]] void refuse(const char *key, const std::string &what) const;
 
  private:

@@ -3,6 +3,9 @@
 #ifndef IPD_PACKET_HANDLERS_H
 #define IPD_PACKET_HANDLERS_H
 
+#include <cstdint>
+#include <set>
+
 #include "ipd/config.h"
 #include "ipd/control/live_box.h"
 #include "ipd/control_handlers.h"
@@ -13,6 +16,7 @@
 #include "ipd/packet/icmp_errors.h"
 #include "ipd/packet/icmp_output.h"
 #include "ipd/packet/show.h"
+#include "ipd/packet_reception.h"
 #include "ipd/packet_sap.h"
 #include "ipd/packet_senders.h"
 
@@ -25,6 +29,8 @@ class PacketHandlers {
                  ControlSap &control, ControlHandlers &requests, PacketSap &packets);
 
   void configure(const Configuration &configuration);
+  // These may have come, changed or gone.
+  void interfaces_changed(const std::set<uint32_t> &ifindexes);
   void tick();
 
  private:
@@ -34,6 +40,7 @@ class PacketHandlers {
   packet::IcmpErrors icmp_errors_;
   packet::Show show_;
   packet::Capture capture_;
+  PacketReception reception_;
 };
 
 }  // namespace ipd

@@ -82,21 +82,28 @@ Refusal Clients::enter(const Request &request) {
   if (holder != pid && held_.contains(pid) && held_[pid] >= most_per_process) return Refusal::limit;
   if ((message.flags & IP_CLIENT_NO_ACK) == 0 && reply(request, true) != 0) return Refusal::no_answer;
 
-  if (found != by_id_.end()) erase(found);
+  std::optional<Registration> replaced;
+  if (found != by_id_.end()) {
+    replaced = found->second;
+    count_down(replaced->pid);
+  }
   ++held_[pid];
-  by_id_[id] = {.serial = ++last_serial_,
-                .pid = pid,
-                .uid = request.sender.uid,
-                .name = *name,
-                .key = message.reg_key,
-                .mode = message.reg_mode,
-                .arg1 = message.reg_arg1,
-                .arg2 = message.reg_arg2,
-                .data_sap = message.data_sap,
-                .flags = message.flags,
-                .receive_function = std::string(receive_function)};
+  Registration &entered = by_id_[id];
+  entered = {.serial = ++last_serial_,
+             .pid = pid,
+             .uid = request.sender.uid,
+             .name = *name,
+             .key = message.reg_key,
+             .mode = message.reg_mode,
+             .arg1 = message.reg_arg1,
+             .arg2 = message.reg_arg2,
+             .data_sap = message.data_sap,
+             .flags = message.flags,
+             .receive_function = std::string(receive_function)};
   log_line(LOG_INFO, "process %d (user %u) registered as \"%s\", key %u", pid, request.sender.uid, name->c_str(),
            message.reg_key);
+  if (changed_) changed_(entered, &request);
+  if (changed_ && replaced) changed_(*replaced, nullptr);
   return Refusal::none;
 }
 
@@ -111,10 +118,16 @@ Refusal Clients::remove(const Request &request) {
   return Refusal::none;
 }
 
-void Clients::erase(std::map<Id, Registration>::iterator place) {
-  const auto holder = held_.find(place->second.pid);
+void Clients::count_down(int32_t pid) {
+  const auto holder = held_.find(pid);
   if (--holder->second == 0) held_.erase(holder);
+}
+
+void Clients::erase(std::map<Id, Registration>::iterator place) {
+  const Registration gone = std::move(place->second);
+  count_down(gone.pid);
   by_id_.erase(place);
+  if (changed_) changed_(gone, nullptr);
 }
 
 void Clients::process_gone(int32_t pid) {

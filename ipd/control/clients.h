@@ -4,6 +4,7 @@
 #define IPD_CONTROL_CLIENTS_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <tuple>
@@ -34,7 +35,14 @@ class Clients final : public Handler {
  public:
   static constexpr size_t most_per_process = 256;
 
+  // A registration, and the message that made it; null: it is not there any more.
+  using Watch = std::function<void(const Registration &registration, const Request *request)>;
+
   Clients(Transport &transport, Processes &processes) : transport_(transport), processes_(processes) {}
+
+  // `changed` runs after each registration that was made or taken back. One that takes another one's place is told
+  // before that goes.
+  void on_change(Watch changed) { changed_ = std::move(changed); }
 
   Refusal handle(const Request &request) override;
   void refused(const Request &request, Refusal refusal) override;
@@ -52,6 +60,7 @@ class Clients final : public Handler {
   static Id id_of(const Request &request, const std::string &name, uint8_t key);
   Refusal enter(const Request &request);
   Refusal remove(const Request &request);
+  void count_down(int32_t pid);
   void erase(std::map<Id, Registration>::iterator place);
   int reply(const Request &request, bool accepted);
 
@@ -60,6 +69,7 @@ class Clients final : public Handler {
   std::map<Id, Registration> by_id_;
   std::map<int32_t, size_t> held_;  // by process; never 0
   uint32_t last_serial_ = 0;
+  Watch changed_;
 };
 
 }  // namespace ipd::control

@@ -15,6 +15,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -263,6 +264,31 @@ void Memberships::tick(Clock::time_point now) {
 size_t Memberships::held_by(int32_t pid) const {
   const auto held = held_.find(pid);
   return held == held_.end() ? 0 : held->second;
+}
+
+bool Memberships::wants(const Interface &interface, int32_t pid, uint32_t group, uint32_t source) {
+  return std::ranges::any_of(std::array<Subject, 3>{{{group, 0}, {group, source}, {0, 0}}},
+                             [&](const Subject &subject) {
+                               const auto member = interface.members.find(subject);
+                               return member != interface.members.end() && member->second.pids.contains(pid);
+                             });
+}
+
+bool Memberships::wants(int32_t pid, uint32_t iod, uint32_t group, uint32_t source) const {
+  if (!held_.contains(pid)) return false;
+  if (iod == 0) {
+    return std::ranges::any_of(interfaces_, [&](const auto &each) { return wants(each.second, pid, group, source); });
+  }
+  const auto known = interfaces_.find(iod);
+  return known != interfaces_.end() && wants(known->second, pid, group, source);
+}
+
+std::vector<uint32_t> Memberships::interfaces_with(uint32_t group, uint32_t source) const {
+  std::vector<uint32_t> found;
+  for (const auto &[iod, interface] : interfaces_) {
+    if (interface.members.contains({group, 0}) || interface.members.contains({group, source})) found.push_back(iod);
+  }
+  return found;
 }
 
 void Memberships::add_holdings(int32_t pid, Holdings &held) const {

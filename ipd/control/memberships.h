@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "ipd/control/box.h"
 #include "ipd/control/handler.h"
@@ -32,6 +33,12 @@ class Memberships final : public Handler {
 
   // How many memberships the process has.
   [[nodiscard]] size_t held_by(int32_t pid) const;
+  // Whether the process has joined the group, from any source or from this one, or every group. `iod` 0: on whichever
+  // interface.
+  [[nodiscard]] bool wants(int32_t pid, uint32_t iod, uint32_t group, uint32_t source) const;
+  // The interfaces on which some process has joined the group, from any source or from this one; ascending. Who takes
+  // every group has not asked for this one.
+  [[nodiscard]] std::vector<uint32_t> interfaces_with(uint32_t group, uint32_t source) const;
 
  private:
   using Subject = std::pair<uint32_t, uint32_t>;  // group, source; 0, 0: every group
@@ -48,6 +55,7 @@ class Memberships final : public Handler {
     Members members;
   };
 
+  static bool wants(const Interface &interface, int32_t pid, uint32_t group, uint32_t source);
   Refusal join(int32_t pid, uint32_t iod, const Subject &subject);
   Refusal leave(int32_t pid, uint32_t iod, const Subject &subject);
   int join_in_kernel(const Interface &interface, Members::value_type &member);

@@ -18,6 +18,7 @@ struct Arrival {
   uint32_t context_id = 0;          // of that interface
   std::array<uint8_t, 6> src_l2{};  // all zeros: not known
   bool from_kernel = false;         // it came from there, and does not go there again
+  int32_t from_pid = 0;             // the process that handed it in, which gets no copy; 0: none
   bool operator==(const Arrival &) const = default;
 };
 

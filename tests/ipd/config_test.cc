@@ -30,6 +30,7 @@ TEST(Config, EveryKeyIsRead) {
     "log_level": "debug",
     "read_group": "watchers",
     "configure_group": "500",
+    "input_to_kernel": true,
     "contexts": [
       {"name": "default", "id": 1, "table": 254},
       {"name": "lab", "id": 7, "table": 100, "router_id": "192.0.2.7", "interfaces": ["eth1", "veth*"]}
@@ -48,6 +49,7 @@ TEST(Config, EveryKeyIsRead) {
   EXPECT_EQ(configuration->log_level, LOG_DEBUG);
   EXPECT_EQ(configuration->read_group, "watchers");
   EXPECT_EQ(configuration->configure_group, "500");
+  EXPECT_TRUE(configuration->input_to_kernel);
   ASSERT_EQ(configuration->contexts.size(), 2u);
   EXPECT_EQ(
       configuration->contexts[1],
@@ -63,7 +65,7 @@ TEST(Config, WhatIsInForceIsDescribed) {
           "router_id": "192.0.2.7", "interfaces": ["eth1", "veth*"]}], "vips": [{"interface": "eth0",
           "address": "198.51.100.9"}], "unnumbered": [{"interface": "tun0", "source": "lo"}],
           "load_share": {"mode": "l4"}, "read_group": "watchers", "configure_group": "routing",
-          "icmp_errors": {"rate": 7}})",
+          "icmp_errors": {"rate": 7}, "input_to_kernel": true})",
       "f", &reason);
   ASSERT_TRUE(configuration) << reason;
   EXPECT_EQ(describe(*configuration),
@@ -74,6 +76,7 @@ TEST(Config, WhatIsInForceIsDescribed) {
             "ICMP errors to one destination 1 a second, 6 at once\n"
             "read group watchers\n"
             "configure group routing\n"
+            "input goes to the kernel, too\n"
             "context lab id 7 table 100 router id 192.0.2.7 interfaces eth1 veth*\n"
             "virtual address 198.51.100.9 on eth0\n"
             "unnumbered tun0 borrows from lo\n");
@@ -89,6 +92,16 @@ TEST(Config, LimitsOfIcmpErrorsThatAreNotGivenAreTheUsualOnes) {
   EXPECT_EQ(describe(*configuration),
             "ICMP errors in all 1000 a second, 50 at once\n"
             "ICMP errors to one destination without limit\n");
+}
+
+TEST(Config, InputGoesToTheKernelOnlyWhenTheFileSaysSo) {
+  std::string reason;
+  for (const char *text : {"{}", R"({"input_to_kernel": false})"}) {
+    const auto configuration = parse_configuration(text, "f", &reason);
+    ASSERT_TRUE(configuration) << reason;
+    EXPECT_FALSE(configuration->input_to_kernel);
+    EXPECT_EQ(describe(*configuration), "");
+  }
 }
 
 struct Mistake {
@@ -125,6 +138,8 @@ const Mistake mistakes[] = {
      "icmp_errors.destination_rate: must be a whole number from 0 to 1000000"},
     {"IcmpErrorsDestinationBurstOfZero", R"({"icmp_errors": {"destination_burst": 0}})",
      "icmp_errors.destination_burst: must be a whole number from 1 to 1000000"},
+    {"InputToKernelATextInQuotes", R"({"input_to_kernel": "true"})", "input_to_kernel: must be true or false"},
+    {"InputToKernelANumber", R"({"input_to_kernel": 1})", "input_to_kernel: must be true or false"},
     {"ContextsNotAList", R"({"contexts": {}})", "contexts: must be a list [ ]"},
     {"VipsNotAList", R"({"vips": "eth0"})", "vips: must be a list [ ]"},
     {"UnnumberedNotAList", R"({"unnumbered": 4})", "unnumbered: must be a list [ ]"},

@@ -286,4 +286,48 @@ TEST_F(ControlClientsTest, RegistrationsComeInPagesInTheOrderTheyWereMade) {
   EXPECT_EQ(rest[0].name, "b");
 }
 
+// What whoever watches is told.
+class WatchedClientsTest : public ControlClientsTest {
+ protected:
+  WatchedClientsTest() {
+    system.clients.on_change([this](const Registration &registration, const Request *request) {
+      const int32_t sender = request == nullptr ? registration.pid : request->sender.pid;
+      EXPECT_EQ(sender, registration.pid);
+      told.emplace_back(registration.serial, request != nullptr);
+    });
+  }
+
+  using Told = std::vector<std::pair<uint32_t, bool>>;  // serial, whether it came
+  Told told;
+};
+
+TEST_F(WatchedClientsTest, ARegistrationIsToldWhenItComesAndWhenItGoes) {
+  register_as(one, "ospf");
+  EXPECT_EQ(told, (Told{{1, true}}));
+  system.receive(one, deregistration("ospf"));
+  EXPECT_EQ(told, (Told{{1, true}, {1, false}}));
+}
+
+TEST_F(WatchedClientsTest, ARefusedRegistrationIsNotTold) {
+  system.transport.error = EAGAIN;
+  system.receive(one, registration("ospf"));
+  EXPECT_TRUE(told.empty());
+}
+
+TEST_F(WatchedClientsTest, WhatTakesAnOthersPlaceIsToldBeforeThatGoes) {
+  register_as(one, "ospf");
+  register_as(one, "ospf");
+  EXPECT_EQ(told, (Told{{1, true}, {2, true}, {1, false}}));
+}
+
+TEST_F(WatchedClientsTest, AllOfADeadProcessGo) {
+  register_as(one, "ospf");
+  register_as(one, "pim");
+  register_as(two, "igmp");
+  told.clear();
+  system.kill(one.pid);
+  std::ranges::sort(told);
+  EXPECT_EQ(told, (Told{{1, false}, {2, false}}));
+}
+
 }  // namespace

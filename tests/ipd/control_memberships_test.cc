@@ -287,5 +287,46 @@ TEST_F(MembershipsTest, AfterARefusedFirstJoinTheInterfaceIsOneLikeAnyOther) {
   EXPECT_EQ(kernel_.joined, (Joined{{100, group, 0}}));
 }
 
+TEST_F(MembershipsTest, AProcessWantsWhatItJoinedWhereItJoined) {
+  set(6, 60, "eth1");
+  join(ospf, group);
+  join(pim, other_group, source);
+  EXPECT_TRUE(memberships_.wants(ospf, iod, group, source));
+  EXPECT_FALSE(memberships_.wants(ospf, iod, other_group, source));
+  EXPECT_FALSE(memberships_.wants(ospf, 6, group, source));
+  EXPECT_FALSE(memberships_.wants(pim, iod, group, source));
+  EXPECT_TRUE(memberships_.wants(pim, iod, other_group, source));
+  EXPECT_FALSE(memberships_.wants(pim, iod, other_group, other_source));
+}
+
+TEST_F(MembershipsTest, WhoTakesEveryGroupWantsEach) {
+  join(pim, 0);
+  EXPECT_TRUE(memberships_.wants(pim, iod, group, source));
+}
+
+TEST_F(MembershipsTest, OnAnyInterfaceCountsWhatIsJoinedOnOne) {
+  join(pim, group);
+  EXPECT_TRUE(memberships_.wants(pim, 0, group, source));
+  EXPECT_FALSE(memberships_.wants(pim, 0, other_group, source));
+  EXPECT_FALSE(memberships_.wants(ospf, 0, group, source));
+}
+
+TEST_F(MembershipsTest, WhatWasLeftIsNotWantedAnyMore) {
+  join(pim, group);
+  leave(pim, group);
+  EXPECT_FALSE(memberships_.wants(pim, iod, group, source));
+  EXPECT_TRUE(memberships_.interfaces_with(group, source).empty());
+}
+
+TEST_F(MembershipsTest, TheInterfacesOfAGroupAreThoseWhereAnybodyJoinedItOrItsSource) {
+  for (uint32_t other = 6; other <= 9; ++other) set(other, other * 10, "eth" + std::to_string(other));
+  join(ospf, group, 0, 9);
+  join(pim, group, source, 6);
+  join(pim, group, other_source, 7);
+  join(pim, 0, 0, 8);
+  join(pim, other_group);
+  EXPECT_EQ(memberships_.interfaces_with(group, source), (std::vector<uint32_t>{6, 9}));
+}
+
 }  // namespace
 }  // namespace memberships_test
