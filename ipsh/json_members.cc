@@ -229,6 +229,18 @@ JsonForm<rsw::MtsQueueUse> json_form() {
 }
 
 template <>
+JsonForm<rsw::PoolOwner> json_form() {
+  using Row = rsw::PoolOwner;
+  static constexpr std::array<JsonMember<Row>, 4> members{{
+      {"pid", [](const Row &row) { return Json(row.pid); }},
+      {"command", [](const Row &row) { return row.command.empty() ? Json(nullptr) : Json(row.command); }},
+      {"in_use", [](const Row &row) { return Json(row.in_use); }},
+      {"cached", [](const Row &row) { return Json(row.cached); }},
+  }};
+  return {"mbufs", "owners", members};
+}
+
+template <>
 JsonForm<RouteRow> json_form() {
   using Row = RouteRow;
   static constexpr std::array<JsonMember<Row>, 12> members{{

@@ -10,6 +10,7 @@
 
 #include "control_state.h"
 #include "explain.h"
+#include "mbuf/pool.h"
 #include "mtrack/mtrack_writer.h"
 #include "mts/mts_server.h"
 #include "routes.h"
@@ -52,6 +53,8 @@ template <>
 JsonForm<PacketRow> json_form();
 template <>
 JsonForm<rsw::MtsQueueUse> json_form();
+template <>
+JsonForm<rsw::PoolOwner> json_form();
 template <>
 JsonForm<RouteRow> json_form();
 template <>

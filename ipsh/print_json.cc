@@ -77,6 +77,17 @@ void explanation(const Explanation &explanation) {
   write(json);
 }
 
+void mbufs(const rsw::PoolReport &report) {
+  write_list(report.owners, {{"total", report.total},
+                             {"in_use", report.in_use},
+                             {"cached", report.cached},
+                             {"free", report.free},
+                             {"high_water", report.high_water},
+                             {"refused", report.refused},
+                             {"reclaimed", report.reclaimed},
+                             {"damaged", report.damaged}});
+}
+
 void system(const SystemState &state) {
   Json json = object("system");
   json["run_directory"] = state.run_directory;
@@ -220,6 +231,7 @@ const Printers json_printers{
     .messages = list<MessageRow>,
     .packets = list<PacketRow>,
     .queues = list<rsw::MtsQueueUse>,
+    .mbufs = mbufs,
     .routes = routes,
     .vips = list<VipRow>,
     .groups = list<GroupRow>,

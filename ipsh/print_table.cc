@@ -70,6 +70,20 @@ void explanation(const Explanation &explanation) {
   write_fields(fields);
 }
 
+void mbufs(const rsw::PoolReport &report) {
+  write_fields({
+      {"buffers", number_text(report.total)},
+      {"in use", number_text(report.in_use)},
+      {"cached", number_text(report.cached)},
+      {"free", number_text(report.free)},
+      {"high water", number_text(report.high_water)},
+      {"refused", number_text(report.refused)},
+      {"taken back", number_text(report.reclaimed)},
+      {"damaged words", number_text(report.damaged)},
+  });
+  list(report.owners);
+}
+
 void system(const SystemState &state) {
   write_fields({
       {"run directory", state.run_directory},
@@ -187,6 +201,7 @@ const Printers table_printers{
     .messages = list<MessageRow>,
     .packets = list<PacketRow>,
     .queues = list<rsw::MtsQueueUse>,
+    .mbufs = mbufs,
     .routes = routes,
     .vips = list<VipRow>,
     .groups = list<GroupRow>,

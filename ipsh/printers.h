@@ -10,6 +10,7 @@
 #include "control_state.h"
 #include "exit_code.h"
 #include "explain.h"
+#include "mbuf/pool.h"
 #include "mtrack/mtrack_writer.h"
 #include "mts/mts_server.h"
 #include "query_run.h"
@@ -32,6 +33,7 @@ struct Printers {
   void (*messages)(const std::vector<MessageRow> &rows);
   void (*packets)(const std::vector<PacketRow> &rows);
   void (*queues)(const std::vector<rsw::MtsQueueUse> &rows);
+  void (*mbufs)(const rsw::PoolReport &report);
   void (*routes)(const RouteListing &listing);
   void (*vips)(const std::vector<VipRow> &rows);
   void (*groups)(const std::vector<GroupRow> &rows);

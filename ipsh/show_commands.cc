@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <cerrno>
 #include <utility>
 
 #include "arguments.h"
@@ -100,6 +101,21 @@ ExitCode show_packets(const Options &, const Printers &printers, Failure *failur
   return ExitCode::found;
 }
 
+// Buffers are there without ipd too.
+ExitCode show_mbufs(const Options &, const Printers &printers, Failure *failure) {
+  rsw::PoolReport report;
+  std::string reason;
+  errno = 0;
+  if (!rsw::report_pool(&report, &reason)) {
+    const bool is_forbidden = errno == EACCES || errno == EPERM;
+    *failure = {is_forbidden ? ExitCode::permission : ExitCode::unavailable, "no pool of packet buffers: " + reason,
+                is_forbidden ? "it is for those who may send packets" : "start ipd, or set RSW_RUN_DIR"};
+    return failure->code;
+  }
+  printers.mbufs(report);
+  return ExitCode::found;
+}
+
 // Queues are there without a database too; without either there is no system.
 ExitCode show_queues(const Options &, const Printers &printers, Failure *failure) {
   const std::vector<rsw::MtsQueueUse> rows = rsw::mts_queues();
@@ -188,7 +204,7 @@ struct Listing {
   ExitCode (*run)(const Options &, const Printers &, Failure *);
 };
 
-constexpr std::array<Listing, 14> listings{{
+constexpr std::array<Listing, 15> listings{{
     {"contexts", "routing contexts (VRFs): id, name, route table, router id", 0, "ipsh show contexts", show_contexts},
     {"interfaces", "interfaces: state, MTU, primary address, flags", by_context | by_interface,
      "ipsh show interfaces\n  ipsh show interfaces --context red --json", show_interfaces},
@@ -218,6 +234,8 @@ constexpr std::array<Listing, 14> listings{{
      show_packets},
     {"queues", "message queues of all processes: what waits in them, what came and went", 0,
      "ipsh show queues\n  ipsh show queues --json | jq '.queues[] | select(.sap == 263)'", show_queues},
+    {"mbufs", "packet buffers that processes share: in use, cached and free, and whose they are", 0,
+     "ipsh show mbufs\n  ipsh show mbufs --json | jq .in_use", show_mbufs},
     {"system", "ipd, the supervisor state and the shared database", 0, "ipsh show system", show_system},
 }};
 

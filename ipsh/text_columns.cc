@@ -224,6 +224,18 @@ std::span<const TextColumn<rsw::MtsQueueUse>> text_columns() {
 }
 
 template <>
+std::span<const TextColumn<rsw::PoolOwner>> text_columns() {
+  using rsw::PoolOwner;
+  static constexpr std::array<TextColumn<PoolOwner>, 4> columns{{
+      {"PID", right, [](const PoolOwner &row) { return fmt::format("{}", row.pid); }},
+      {"IN-USE", right, [](const PoolOwner &row) { return number_text(row.in_use); }},
+      {"CACHED", right, [](const PoolOwner &row) { return number_text(row.cached); }},
+      {"COMMAND", left, [](const PoolOwner &row) { return or_dash(row.command); }},
+  }};
+  return columns;
+}
+
+template <>
 std::span<const TextColumn<RouteRow>> text_columns() {
   static constexpr std::array<TextColumn<RouteRow>, 8> columns{{
       {"TABLE", right, [](const RouteRow &row) { return number_text(row.table); }},

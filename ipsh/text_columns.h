@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "control_state.h"
+#include "mbuf/pool.h"
 #include "mtrack/mtrack_writer.h"
 #include "mts/mts_server.h"
 #include "routes.h"
@@ -44,6 +45,8 @@ template <>
 std::span<const TextColumn<PacketRow>> text_columns();
 template <>
 std::span<const TextColumn<rsw::MtsQueueUse>> text_columns();
+template <>
+std::span<const TextColumn<rsw::PoolOwner>> text_columns();
 template <>
 std::span<const TextColumn<RouteRow>> text_columns();
 template <>

@@ -84,10 +84,10 @@ INSTANTIATE_TEST_SUITE_P(
                 "unnumbered, multicast, system"},
         Refusal{"show",
                 "ipsh: ipsh show: a command is missing; give one of contexts, interfaces, addresses, routes, vips, "
-                "groups, router-id, counters, memory, clients, messages, packets, queues, system"},
+                "groups, router-id, counters, memory, clients, messages, packets, queues, mbufs, system"},
         Refusal{"show adresses",
                 "ipsh: ipsh show: there is no 'adresses'; give one of contexts, interfaces, addresses, routes, "
-                "vips, groups, router-id, counters, memory, clients, messages, packets, queues, system"},
+                "vips, groups, router-id, counters, memory, clients, messages, packets, queues, mbufs, system"},
         Refusal{"show contexts memory",
                 "ipsh: ipsh show contexts: 'memory' is not accepted here; see ipsh show contexts --help"},
         Refusal{"show contexts --jsn",
@@ -204,7 +204,7 @@ TEST_F(IpshWithoutIpd, TheManPageIsCleanAndNamesEveryExitCodeAndKind) {
        {".It 0",          ".It 1",          ".It 2",       ".It 3",     ".It 4",         "Ql contexts", "Ql interfaces",
         "Ql addresses",   "Ql memory",      "Ql clients",  "Ql system", "Ql supervisor", "Ql query",    "Ql query-list",
         "Ql watch-start", "Ql event",       "Ql failure",  "Ql routes", "Ql vips",       "Ql groups",   "Ql router-ids",
-        "Ql counters",    "Ql explanation", "Ql messages", "Ql queues", "Ql request"}) {
+        "Ql counters",    "Ql explanation", "Ql messages", "Ql queues", "Ql mbufs",      "Ql request"}) {
     EXPECT_NE(page.str().find(text), std::string::npos) << text;
   }
 }

@@ -28,9 +28,9 @@ std::string completions(const std::vector<std::string> &words) {
 TEST_F(IpshWithoutIpd, CompletionOffersTheCommandsOfALevel) {
   EXPECT_EQ(completions({""}), "configure explain join leave multicast query show system unnumbered watch ");
   EXPECT_EQ(completions({"s"}), "show system ");
-  EXPECT_EQ(
-      completions({"show", ""}),
-      "addresses clients contexts counters groups interfaces memory messages packets queues router-id routes system vips ");
+  EXPECT_EQ(completions({"show", ""}),
+            "addresses clients contexts counters groups interfaces mbufs memory messages packets queues router-id "
+            "routes system vips ");
   EXPECT_EQ(completions({"system", ""}), "active standby ");
   EXPECT_EQ(completions({"unnumbered", ""}), "set unset ");
   EXPECT_EQ(completions({"multicast", ""}), "off on ");

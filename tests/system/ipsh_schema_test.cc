@@ -9,6 +9,8 @@
 #include "control_peer.h"
 #include "ip_api.h"
 #include "ipsh_fixture.h"
+#include "mbuf.h"
+#include "mbuf/pool.h"
 #include "support/process.h"
 
 namespace ipsh_test {
@@ -60,6 +62,17 @@ TEST_F(IpshWithRoutes, EveryListingAndExplanationOfRoutesIsValid) {
     printed += outcome.out;
   }
   EXPECT_EQ(problems(run_directory_.path(), printed), "") << printed;
+}
+
+TEST_F(IpshWithoutIpd, TheListingOfPacketBuffersIsValid) {
+  std::string reason;
+  ASSERT_TRUE(rsw::mbuf_open_for_writing(&reason)) << reason;
+  struct mbuf *packet = m_gethdr();
+  const Outcome outcome = ipsh({"show", "mbufs", "--json"});
+  EXPECT_EQ(outcome.exit_code, 0) << outcome.err;
+  EXPECT_EQ(problems(run_directory_.path(), outcome.out), "") << outcome.out;
+  m_freem(packet);
+  rsw::mbuf_leave();
 }
 
 TEST_F(IpshWithoutIpd, AFailureIsValid) {
