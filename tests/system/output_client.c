@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-/* A client of the IP process that hands it packets, step by step, and says on one line each what came of it.
- *
- *   attach CARRIAGE     becomes a client, with a queue for packets; "segments": they travel inside the messages, else
- * by reference packet HEX          the packet of what follows output IF HOP CONTEXT FLAGS from MAC IF HOP CONTEXT FLAGS
- * the same, with a source of the frame l2 IF HOP VLAN MAC FLAGS              - for a MAC that is not given mvr IF HOP
- * VLAN MAC FLAGS dce IF HOP VLAN MAC FLAGS MAC         with the source of the frame last
- */
+// A client of the IP process that hands it packets, step by step, and says on one line each what came of it.
+//
+//   attach CARRIAGE                   becomes a client, with a queue for packets; "segments": they travel inside the
+//                                     messages, else by reference
+//   packet HEX                        the packet of what follows
+//   ah SPI SEQUENCE KEY SRC DST HEX   the same: these data behind an authentication header (HMAC-MD5)
+//   output IF HOP CONTEXT FLAGS
+//   from MAC IF HOP CONTEXT FLAGS     the same, with a source of the frame
+//   l2 IF HOP VLAN MAC FLAGS          - for a MAC that is not given
+//   mvr IF HOP VLAN MAC FLAGS
+//   dce IF HOP VLAN MAC FLAGS MAC     with the source of the frame last
 #include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -68,6 +72,25 @@ static struct mbuf *packet(void) {
   exit(3);
 }
 
+/* Data of the same length and on the same place as the library's callers have them: behind the header, in one buffer.
+ */
+static void read_authenticated(char **words) {
+  read_packet(words[5]);
+  uint8_t room[28 + 512];
+  const uint32_t data_len = length;
+  if (data_len > 512 || strlen(words[2]) != 16) exit(2);
+  memcpy(room + 28, bytes, data_len);
+  ip_build_ah_header(room, 253, number_of(words[0]), number_of(words[1]), data_len, words[2], 1);
+  memcpy(bytes, room, 28 + data_len);
+  length = 28 + data_len;
+  struct mbuf *whole =
+      ip_build_header(packet(), 0, (uint16_t)(20 + length), 64, 51, address_of(words[3]), address_of(words[4]));
+  if (whole == NULL) exit(3);
+  length = m_length(whole);
+  if ((m_copydata(whole, 0, (int32_t)length, bytes) & 0xffff) != 0) exit(3);
+  m_freem(whole);
+}
+
 static uint32_t attach(const char *carriage) {
   uint32_t queue = NO_QUEUE;
   if (ip_api_init() == NULL || ip_init_mts(&queue, -1) == 0) return 0;
@@ -112,6 +135,10 @@ static int step(char **words, int count) {
   if (strcmp(verb, "packet") == 0 && count >= 2) {
     read_packet(words[1]);
     return 2;
+  }
+  if (strcmp(verb, "ah") == 0 && count >= 7) {
+    read_authenticated(words + 1);
+    return 7;
   }
   if (strcmp(verb, "output") == 0 && count >= 5) {
     say(verb, output(words + 1));
