@@ -12,6 +12,7 @@
 #include "attachment.h"
 #include "explain.h"
 #include "limit_option.h"
+#include "packet_commands.h"
 #include "query_run.h"
 #include "request_commands.h"
 #include "show_commands.h"
@@ -169,6 +170,7 @@ CommandTree::CommandTree() : app("Ask the IPv4 state of this system, and ipd to 
   add_explain(this);
   add_watch(this);
   add_requests(this);
+  add_packets(this);
   add_system(this);
 }
 

@@ -22,6 +22,7 @@ struct Options {
   std::string address;
   std::string count, seconds;
   std::string group, source, prefix, lender, hold_seconds;
+  std::string file, protocol, direction, snap_length, data_size, wait, interval;
   std::map<std::string, std::string, std::less<>> query_words;  // by argument name
 };
 

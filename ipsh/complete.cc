@@ -39,6 +39,7 @@ std::vector<std::string> values_of(const std::string &type, const std::string &r
   const bool contexts =
       type == "<context-id>" || type == "<context-name>" || type == "<context-record>" || type == "<table-id>";
   if (type == "<view>") return {"multicast", "unicast"};
+  if (type == "<direction>") return {"in", "out"};
   std::vector<std::string> values;
   if (!interfaces && !contexts) return values;
   if (!run_directory.empty()) setenv("RSW_RUN_DIR", run_directory.c_str(), 1);

@@ -12,62 +12,13 @@
 #include <fstream>
 #include <map>
 
-#include "ip_api.h"
-#include "mts.h"
-#include "sm/run_dir.h"
+#include "asking.h"
 #include "tsp/epochs.h"
 
 namespace ipsh {
 namespace {
 
-constexpr uint32_t longest_wait_seconds = 10;
 constexpr size_t most_pages = 10000;  // an end, whatever ipd answers
-
-// A queue of ipsh's own, for the life of this object.
-class AskingQueue {
- public:
-  AskingQueue() { ip_init_mts(&handle_, -1); }
-  ~AskingQueue() {
-    if (bound()) mts_unbind(handle_, 0);
-  }
-  AskingQueue(const AskingQueue &) = delete;
-  AskingQueue &operator=(const AskingQueue &) = delete;
-  [[nodiscard]] bool bound() const { return handle_ != ~uint32_t{0}; }
-  [[nodiscard]] uint32_t handle() const { return handle_; }
-
- private:
-  uint32_t handle_ = ~uint32_t{0};
-};
-
-Failure why_not(const std::string &what, int error) {
-  const bool denied = error == EACCES || error == EPERM;
-  return {denied ? ExitCode::permission : ExitCode::unavailable, fmt::format("{}: {}", what, std::strerror(error)),
-          denied ? "run ipsh as a user who may use the run directory" : "start ipd, or look at its log"};
-}
-
-bool receive(uint32_t queue, uint32_t token, std::vector<std::byte> *answer, Failure *failure) {
-  mts_recv_opts options{};
-  options.w[0] = 1;
-  options.w[2] = longest_wait_seconds;
-  options.w[3] = token;
-  mts_msg_ref_t received = nullptr;
-  int32_t status = mts_recv(queue, &received, &options);
-  while (status != 0 && errno == EINTR) status = mts_recv(queue, &received, &options);
-  if (status != 0) {
-    *failure = why_not("ipd does not answer", errno);
-    return false;
-  }
-  const bool rejected = mts_is_reject(received) == 1;
-  if (!rejected) {
-    const auto *payload = static_cast<const std::byte *>(mts_payload_get(received));
-    answer->assign(payload, payload + (payload == nullptr ? 0 : mts_payload_size(received)));
-  }
-  mts_drop(queue, received);
-  if (!rejected) return true;
-  *failure = {ExitCode::permission, "ipd does not tell this user",
-              "the read_group of ipd's configuration says who may ask, see ipd.conf(5)"};
-  return false;
-}
 
 bool ask(uint32_t queue, uint16_t minor, uint32_t after, std::vector<std::byte> *answer, Failure *failure) {
   ip_msg_show question{};
@@ -75,15 +26,9 @@ bool ask(uint32_t queue, uint16_t minor, uint32_t after, std::vector<std::byte> 
   question.header.minor_type = minor;
   question.header.pid = static_cast<uint32_t>(getpid());
   question.after = after;
-  mts_msg_ref_t sent = nullptr;
-  if (mts_send(queue, IP_NODE_LOCAL, IP_SAP_CONTROL, IP_OPCODE_CLIENT, &question, sizeof question, &sent, 0, nullptr) !=
-      0) {
-    *failure = why_not("ipd is not reached", errno);
-    return false;
-  }
-  const uint32_t token = mts_rr_token_get(sent);
-  mts_drop(queue, sent);
-  return receive(queue, token, answer, failure);
+  const Failure rejected{ExitCode::permission, "ipd does not tell this user",
+                         "the read_group of ipd's configuration says who may ask, see ipd.conf(5)"};
+  return ask_ipd(queue, std::as_bytes(std::span(&question, 1)), rejected, answer, failure);
 }
 
 // Adds the entries of a page; what an entry does not have stays zero. False: it makes no sense.
@@ -161,7 +106,7 @@ using ClientsByPid = std::map<int32_t, ClientRow>;
 bool add_clients_of_ipd(ClientsByPid *rows, Failure *failure) {
   const AskingQueue queue;
   if (!queue.bound()) {
-    *failure = why_not(fmt::format("no message queue in {}", rsw::run_directory()), errno);
+    *failure = no_queue_failure(errno);
     return false;
   }
   const auto clients = read_all<ip_show_client>(queue.handle(), IP_MSG_SHOW_CLIENTS, failure);
@@ -198,7 +143,7 @@ template <class Entry>
 std::optional<std::vector<Entry>> read_listing(uint16_t minor, Failure *failure) {
   const AskingQueue queue;
   if (!queue.bound()) {
-    *failure = why_not(fmt::format("no message queue in {}", rsw::run_directory()), errno);
+    *failure = no_queue_failure(errno);
     return std::nullopt;
   }
   return read_all<Entry>(queue.handle(), minor, failure);

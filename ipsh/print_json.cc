@@ -4,6 +4,9 @@
 // stays: what is new gets a new member, what changes its meaning raises the version.
 //
 // A name is the kernel's bytes and need not be UTF-8: bytes that are not become U+FFFD.
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include <cstdio>
 
 #include "json_members.h"
@@ -212,6 +215,62 @@ void watch_event(const Event &event) {
   write(json);
 }
 
+void captured(const CapturedRow &row) {
+  const CapturedPacket &packet = row.packet;
+  Json json = object("captured");
+  json["seconds"] = packet.seconds;
+  json["nanoseconds"] = packet.nanoseconds;
+  json["direction"] = packet.to_client ? "to-client" : "from-client";
+  json["client"] = packet.client;
+  json["type"] = packet.minor;
+  json["name"] = packet_message_name(packet.minor);
+  json["iod"] = number_or_null(packet.iod);
+  json["interface"] = text_or_null(row.interface);
+  json["outcome"] = packet_outcome_name(packet.outcome);
+  json["source"] = row.has_header ? Json(address_text(row.source)) : Json(nullptr);
+  json["destination"] = row.has_header ? Json(address_text(row.destination)) : Json(nullptr);
+  json["protocol"] = row.has_header ? Json(row.protocol) : Json(nullptr);
+  json["length"] = packet.length;
+  json["bytes"] = fmt::format("{:02x}", fmt::join(packet.bytes, ""));
+  json["dropped"] = packet.dropped;
+  write(json);
+}
+
+void ping_start(const PingOrder &) {}
+
+void ping_event(const PingEvent &event) {
+  const bool answered = event.kind == PingEventKind::reply || event.kind == PingEventKind::duplicate;
+  const bool sent = event.kind != PingEventKind::not_sent;
+  Json json = object("ping-event");
+  json["event"] = to_text(event.kind);
+  json["sequence"] = event.news.sequence;
+  json["from"] = sent ? Json(address_text(event.news.from)) : Json(nullptr);
+  json["ttl"] = sent ? Json(event.news.ttl) : Json(nullptr);
+  json["length"] = sent ? Json(event.news.length) : Json(nullptr);
+  json["milliseconds"] = answered ? Json(event.milliseconds) : Json(nullptr);
+  json["icmp_type"] = sent ? Json(event.news.type) : Json(nullptr);
+  json["icmp_code"] = sent ? Json(event.news.code) : Json(nullptr);
+  json["outcome"] = sent ? Json(nullptr) : Json(packet_outcome_name(event.outcome));
+  write(json);
+}
+
+void ping_end(const PingOrder &order, const EchoStatistics &statistics) {
+  const bool any = statistics.answered != 0;
+  Json json = object("ping");
+  json["destination"] = address_text(order.destination);
+  json["iod"] = number_or_null(order.iod);
+  json["sent"] = statistics.sent;
+  json["answered"] = statistics.answered;
+  json["duplicates"] = statistics.duplicates;
+  json["errors"] = statistics.errors;
+  json["not_sent"] = statistics.not_sent;
+  json["least_milliseconds"] = any ? Json(statistics.least) : Json(nullptr);
+  json["mean_milliseconds"] = any ? Json(statistics.mean) : Json(nullptr);
+  json["most_milliseconds"] = any ? Json(statistics.most) : Json(nullptr);
+  json["deviation_milliseconds"] = any ? Json(statistics.deviation) : Json(nullptr);
+  write(json);
+}
+
 void failure(const Failure &failure) {
   Json json = object("failure");
   json["exit_code"] = static_cast<int>(failure.code);
@@ -244,6 +303,8 @@ const Printers json_printers{
     .query = query,
     .query_list = query_list,
     .watch = {watch_start, watch_event},
+    .captured = captured,
+    .ping = {ping_start, ping_event, ping_end},
     .failure = failure,
 };
 

@@ -187,6 +187,44 @@ void watch_event(const Event &event) {
   write(fmt::format("{:<7}  {}\n", to_text(event.change), std::visit(EventText{}, event.row)));
 }
 
+void captured(const CapturedRow &row) {
+  write(line_text(row) + "\n");
+}
+
+void ping_start(const PingOrder &order) {
+  write(fmt::format("ping {}: {} bytes of data\n", address_text(order.destination), order.data));
+}
+
+void ping_event(const PingEvent &event) {
+  const EchoNews &news = event.news;
+  switch (event.kind) {
+    case PingEventKind::reply:
+    case PingEventKind::duplicate:
+      return write(fmt::format("{} bytes from {}: sequence {}, ttl {}, {:.3f} ms{}\n", news.length,
+                               address_text(news.from), news.sequence, news.ttl, event.milliseconds,
+                               event.kind == PingEventKind::duplicate ? ", duplicate" : ""));
+    case PingEventKind::error:
+      return write(fmt::format("from {}: sequence {}, {} (type {}, code {})\n", address_text(news.from), news.sequence,
+                               icmp_type_text(news.type), news.type, news.code));
+    case PingEventKind::not_sent:
+      return write(
+          fmt::format("sequence {}: ipd did not send it: {}\n", news.sequence, packet_outcome_name(event.outcome)));
+  }
+}
+
+void ping_end(const PingOrder &order, const EchoStatistics &statistics) {
+  const uint64_t lost = statistics.sent - statistics.answered;
+  std::string text = fmt::format("{}: {} sent, {} answered, {}% lost, {} duplicates, {} errors, {} not sent by ipd\n",
+                                 address_text(order.destination), statistics.sent, statistics.answered,
+                                 statistics.sent == 0 ? 0 : lost * 100 / statistics.sent, statistics.duplicates,
+                                 statistics.errors, statistics.not_sent);
+  if (statistics.answered != 0) {
+    text += fmt::format("round trip: least {:.3f}, mean {:.3f}, most {:.3f}, deviation {:.3f} ms\n", statistics.least,
+                        statistics.mean, statistics.most, statistics.deviation);
+  }
+  write(text);
+}
+
 // The line on standard error is all that people get.
 void failure(const Failure &) {}
 
@@ -214,6 +252,8 @@ const Printers table_printers{
     .query = query,
     .query_list = query_list,
     .watch = {watch_start, watch_event},
+    .captured = captured,
+    .ping = {ping_start, ping_event, ping_end},
     .failure = failure,
 };
 

@@ -7,12 +7,14 @@
 #include <optional>
 #include <vector>
 
+#include "captured_row.h"
 #include "control_state.h"
 #include "exit_code.h"
 #include "explain.h"
 #include "mbuf/pool.h"
 #include "mtrack/mtrack_writer.h"
 #include "mts/mts_server.h"
+#include "ping.h"
 #include "query_run.h"
 #include "requests.h"
 #include "routes.h"
@@ -46,6 +48,8 @@ struct Printers {
   void (*query)(const QueryResult &result);
   void (*query_list)();
   WatchOutput watch;
+  void (*captured)(const CapturedRow &row);
+  PingOutput ping;
   void (*failure)(const Failure &failure);
 };
 

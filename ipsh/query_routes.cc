@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The questions that the routes of a context answer, forward and reverse path.
+// The questions that the routes of a context answer, forward and reverse path, and what a destination counts as.
 #include <array>
 
 #include "ip_api.h"
+#include "ip_packet.h"
 #include "query_table.h"
 
 namespace ipsh {
@@ -37,7 +38,7 @@ constexpr std::string_view no_direct_route = "no direct route covers the address
 }  // namespace
 
 std::span<const Query> route_queries() {
-  static const std::array<Query, 11> rows{{
+  static const std::array<Query, 13> rows{{
       {"ip_is_route_direct",
        "the interface by which an address is connected: on its subnet, or its own address",
        {in_context, the_address},
@@ -115,6 +116,28 @@ std::span<const Query> route_queries() {
        "--context-id default --dest-net 198.51.100.7",
        true,
        source_address},
+      {"ip_local_from_remote",
+       "the source address to use towards a destination, as ip_get_route says, and loopback's own",
+       {{"context-id", context_id, "the context"}, {"remote-net", address_network_order, "the destination"}},
+       ResultType::address,
+       "the source address",
+       "no path, an address that no host may have, or no address to use",
+       "--context-id default --remote-net 198.51.100.7",
+       true,
+       [](ArgumentValues v) {
+         return answer_number(ResultType::address, ip_local_from_remote(v[0].number, v[1].number));
+       }},
+      {"ip_packet_stats_type",
+       "what a packet to the address counts as: 0 unicast, 1 multicast, 2 broadcast",
+       {the_address, {"iod", interface, "the interface whose subnets' broadcasts count"}},
+       ResultType::number,
+       "1: multicast; 2: broadcast",
+       "unicast",
+       "--addr 10.0.0.255 --iod eth0",
+       true,
+       [](ArgumentValues v) {
+         return answer_number(ResultType::number, ip_packet_stats_type(v[0].number, v[1].number));
+       }},
       {"ip_is_addr_mattached",
        "the interface by which the multicast traffic of a source has to come in",
        {in_context, the_source, the_selector},

@@ -78,10 +78,10 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         Refusal{"",
                 "ipsh: ipsh: a command is missing; give one of show, query, explain, watch, join, leave, configure, "
-                "unnumbered, multicast, system"},
+                "unnumbered, multicast, capture, ping, system"},
         Refusal{"shwo",
                 "ipsh: ipsh: there is no 'shwo'; give one of show, query, explain, watch, join, leave, configure, "
-                "unnumbered, multicast, system"},
+                "unnumbered, multicast, capture, ping, system"},
         Refusal{"show",
                 "ipsh: ipsh show: a command is missing; give one of contexts, interfaces, addresses, routes, vips, "
                 "groups, router-id, counters, memory, clients, messages, packets, queues, mbufs, system"},

@@ -26,7 +26,7 @@ std::string completions(const std::vector<std::string> &words) {
 }
 
 TEST_F(IpshWithoutIpd, CompletionOffersTheCommandsOfALevel) {
-  EXPECT_EQ(completions({""}), "configure explain join leave multicast query show system unnumbered watch ");
+  EXPECT_EQ(completions({""}), "capture configure explain join leave multicast ping query show system unnumbered watch ");
   EXPECT_EQ(completions({"s"}), "show system ");
   EXPECT_EQ(completions({"show", ""}),
             "addresses clients contexts counters groups interfaces mbufs memory messages packets queues router-id "

@@ -25,8 +25,6 @@ constexpr const char *request = "asks the IP process to change something, or for
 constexpr const char *if_info = "carries interfaces in messages: ipsh show interfaces has what they tell";
 constexpr const char *packet = "works on bytes that the asking process holds";
 constexpr const char *packets = "hands a packet to the IP process: no question";
-constexpr const char *own_packets =
-    "is for packets that the asking process builds: ipsh explain says which way they go";
 constexpr const char *protocol_names = "names and numbers of IP protocols: they are the same on every system";
 constexpr const char *summary = "writes into a command line of its caller: ipsh show addresses has what it tells";
 constexpr const char *error_text = "shown with the answer of each query that leaves one";
@@ -140,8 +138,6 @@ const std::map<std::string, std::string> no_queries{
     {"ip_icmp_error", packets},
     {"ip_send_replicate", packets},
     {"ip_l3_encap", packet},
-    {"ip_local_from_remote", own_packets},
-    {"ip_packet_stats_type", own_packets},
     {"ip_get_proto_name", protocol_names},
     {"ip_get_proto_num", protocol_names},
     {"ip_print_addr_summary", summary},
