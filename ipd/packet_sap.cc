@@ -83,15 +83,16 @@ Outcome PacketSap::PoolReferences::take(uint32_t reference, int32_t pid, std::sp
 // before it is told: should it die meanwhile, it is taken back with all that it had.
 Outcome PacketSap::hand_over(const packet::Receiver &receiver, std::span<std::byte> message,
                              std::span<const std::byte> packet) {
+  const control::Sender to{.pid = receiver.pid, .uid = 0, .sap = receiver.sap};
   if (receiver.by_segments || !pool_) {
-    return outcome_of(transport_->send(receiver.sap, IP_OPCODE_PACKET, message, packet));
+    return outcome_of(transport_->send(to, IP_OPCODE_PACKET, message, packet));
   }
   struct mbuf *buffers = rsw::make_packet({reinterpret_cast<const uint8_t *>(packet.data()), packet.size()});
   if (buffers == nullptr) return Outcome::no_memory;
   m_set_owner(buffers, receiver.pid);
   const auto reference = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(buffers));
   std::memcpy(message.data() + offsetof(ip_msg_input, packet_ref), &reference, sizeof reference);
-  const Outcome outcome = outcome_of(transport_->send(receiver.sap, IP_OPCODE_PACKET, message));
+  const Outcome outcome = outcome_of(transport_->send(to, IP_OPCODE_PACKET, message));
   if (outcome != Outcome::done) m_freem(buffers);
   return outcome;
 }

@@ -81,24 +81,22 @@ bool MtsTransport::sender_in_group(const Request &request, uint32_t gid) {
 }
 
 int MtsTransport::send(const Sender &to, uint32_t opcode, std::span<const std::byte> message) {
-  const rsw::MtsSender receiver{.pid = to.pid, .uid = to.uid, .gid = 0, .sap = to.sap};
-  return error_of(
-      rsw::mts_send_back(queue_, receiver, opcode, message.data(), static_cast<uint32_t>(message.size()), nullptr));
+  return send(to, opcode, message, {});
 }
 
-int MtsTransport::send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message,
+int MtsTransport::send(const Sender &to, uint32_t opcode, std::span<const std::byte> message,
                        std::span<const std::byte> packet) {
+  const rsw::MtsSender receiver{.pid = to.pid, .uid = to.uid, .gid = 0, .sap = to.sap};
   mts_send_opts options{};
   options.w[0] = 1;
-  // Both are only read.
-  auto *payload = const_cast<std::byte *>(message.data());
+  // It is only read.
   mts_iovec piece{.base = const_cast<std::byte *>(packet.data()), .len = static_cast<uint32_t>(packet.size())};
   if (!packet.empty()) {
     options.w[1] = 1;
     mts_send_opts_set_vector(&options, &piece);
   }
-  return error_of(mts_send(queue_, IP_NODE_LOCAL, sap, opcode, payload, static_cast<uint32_t>(message.size()), nullptr,
-                           0, &options));
+  return error_of(
+      rsw::mts_send_back(queue_, receiver, opcode, message.data(), static_cast<uint32_t>(message.size()), &options));
 }
 
 int MtsTransport::answer(const Request &request, std::span<const std::byte> message) {

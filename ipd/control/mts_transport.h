@@ -35,8 +35,8 @@ class MtsTransport final : public Transport {
   [[nodiscard]] static bool sender_in_group(const Request &request, uint32_t gid);
 
   int send(const Sender &to, uint32_t opcode, std::span<const std::byte> message) override;
-  // To whoever has the SAP; with a packet behind the message.
-  int send(uint32_t sap, uint32_t opcode, std::span<const std::byte> message, std::span<const std::byte> packet = {});
+  // With a packet behind the message.
+  int send(const Sender &to, uint32_t opcode, std::span<const std::byte> message, std::span<const std::byte> packet);
   int answer(const Request &request, std::span<const std::byte> message) override;
   int reject(const Request &request) override;
 

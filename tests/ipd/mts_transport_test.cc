@@ -118,7 +118,7 @@ TEST_F(MtsTransportTest, AnAnswerToASenderThatDiedReachesNobody) {
   ASSERT_TRUE(wait_until(
       [&] {
         error = transport->send(asked_by, 1, bytes_of("secret"));
-        return transport->send(asked_by.sap, 1, bytes_of("end")) == 0;
+        return transport->send({.pid = next.pid(), .uid = 0, .sap = asked_by.sap}, 1, bytes_of("end")) == 0;
       },
       std::chrono::seconds(60)));
   EXPECT_EQ(error, ECONNREFUSED) << "before the next one could be reached, or with it";
