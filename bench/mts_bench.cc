@@ -28,6 +28,7 @@
 #include "mts.h"
 #include "mts/mts_server.h"
 #include "mts_bench_dbus.h"
+#include "ratios.h"
 #include "support/process.h"
 #include "support/run_directory.h"
 
@@ -300,54 +301,6 @@ void round_trip_dbus(benchmark::State &state, DBusConnection *connection, uint32
 
 // ---------------------------------------------------------------------------------------------------------- the whole
 
-double least(const std::vector<double> &all) {
-  return *std::ranges::min_element(all);
-}
-
-// Remembers the figures, and prints the ratios at the end of the run. Of processor time the least of all repetitions
-// counts, since what else a machine does only adds to it; of elapsed time the median does.
-class Ratios : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &one : runs) {
-      const std::string &name = one.run_name.function_name;
-      if (one.run_type == Run::RT_Aggregate && one.aggregate_name == (name.starts_with("send") ? "least" : "median")) {
-        figures_[name] = one.GetAdjustedRealTime();
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void print() const {
-    printf("\nMTS's figure in that of each peer\n");
-    for (const auto &[name, figure] : figures_) {
-      const size_t at = name.find("/mts/");
-      if (at == std::string::npos) continue;
-      for (const char *peer : {"sendmsg", "seqpacket", "posix_mq", "dbus", "dbus_daemon"}) {
-        std::string other = name;
-        const auto found = figures_.find(other.replace(at + 1, 3, peer));
-        if (found == figures_.end()) continue;
-        printf("%-24s %12s %8.0f ns of %8.0f ns %8.3f\n", name.c_str(), peer, figure, found->second,
-               figure / found->second);
-      }
-    }
-  }
-
- private:
-  std::map<std::string, double> figures_;
-};
-
-void add(const std::string &name, bool manual, const std::function<void(benchmark::State &)> &bench) {
-  auto *made = benchmark::RegisterBenchmark(name.c_str(), bench)
-                   ->Repetitions(manual ? 25 : 9)
-                   ->ReportAggregatesOnly()
-                   ->ComputeStatistics("least", least);
-  if (manual) {
-    made->UseManualTime();
-  } else {
-    made->UseRealTime();
-  }
-}
-
 std::string sized(uint32_t size) {
   std::string end = "/";
   return end += std::to_string(size);
@@ -356,19 +309,24 @@ std::string sized(uint32_t size) {
 void add_all(const std::map<std::string, DBusConnection *> &buses) {
   for (const uint32_t size : {232u, 4096u, 65536u, 120832u}) {
     const std::string end = sized(size);
-    add("send_drained/mts" + end, true, [size](auto &state) { send_mts_drained(state, size); });
-    add("send_drained/sendmsg" + end, true, [size](auto &state) { send_bare_drained(state, size); });
+    bench::add("send_drained/mts" + end, bench::Time::processor,
+               [size](auto &state) { send_mts_drained(state, size); });
+    bench::add("send_drained/sendmsg" + end, bench::Time::processor,
+               [size](auto &state) { send_bare_drained(state, size); });
   }
-  add("send_reader/mts/232", true, [](auto &state) { send_mts_reader(state, 232); });
-  add("send_reader/sendmsg/232", true, [](auto &state) { send_bare_reader(state, 232); });
+  bench::add("send_reader/mts/232", bench::Time::processor, [](auto &state) { send_mts_reader(state, 232); });
+  bench::add("send_reader/sendmsg/232", bench::Time::processor, [](auto &state) { send_bare_reader(state, 232); });
   for (const uint32_t size : {232u, 4096u}) {
     const std::string end = sized(size);
-    add("round_trip/mts" + end, false, [size](auto &state) { round_trip_mts(state, size); });
-    add("round_trip/seqpacket" + end, false, [size](auto &state) { round_trip_bare(state, size); });
-    add("round_trip/posix_mq" + end, false, [size](auto &state) { round_trip_mqueue(state, size); });
+    bench::add("round_trip/mts" + end, bench::Time::elapsed, [size](auto &state) { round_trip_mts(state, size); });
+    bench::add("round_trip/seqpacket" + end, bench::Time::elapsed,
+               [size](auto &state) { round_trip_bare(state, size); });
+    bench::add("round_trip/posix_mq" + end, bench::Time::elapsed,
+               [size](auto &state) { round_trip_mqueue(state, size); });
     for (const auto &[name, connection] : buses) {
       DBusConnection *kept = connection;
-      add("round_trip/" + name + end, false, [size, kept](auto &state) { round_trip_dbus(state, kept, size); });
+      bench::add("round_trip/" + name + end, bench::Time::elapsed,
+                 [size, kept](auto &state) { round_trip_dbus(state, kept, size); });
     }
   }
 }
@@ -405,16 +363,8 @@ int main(int argc, char **argv) {
   wait_for_sap(reader_sap);
   wait_for_sap(echo_sap);
   add_all(buses);
-  // Peers take turns, so that what else the machine does meets all of them alike.
-  std::vector<char *> arguments(argv, argv + argc);
-  std::string interleaved = "--benchmark_enable_random_interleaving=true";
-  arguments.insert(arguments.begin() + 1, interleaved.data());
-  int count = static_cast<int>(arguments.size());
-  arguments.push_back(nullptr);
-  benchmark::Initialize(&count, arguments.data());
-  Ratios ratios;
-  benchmark::RunSpecifiedBenchmarks(&ratios);
-  ratios.print();
+  bench::Ratios ratios("send", {"mts"}, {"sendmsg", "seqpacket", "posix_mq", "dbus", "dbus_daemon"});
+  bench::run_interleaved(argc, argv, ratios);
   peers().clear();
   return 0;
 }
