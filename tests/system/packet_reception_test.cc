@@ -14,62 +14,16 @@
 #include <optional>
 #include <sstream>
 
-#include "ipd/packet/ipv4.h"
 #include "ipd_fixture.h"
+#include "mbuf/pool.h"
+#include "reception_rig.h"
 #include "support/peer_namespace.h"
 
 namespace {
 
 using namespace ipd_test;
+using namespace reception_rig;
 using test_support::PeerNamespace;
-using test_support::Process;
-using test_support::wait_until;
-namespace ipv4 = ipd::packet::ipv4;
-
-using Words = std::vector<std::string>;
-
-constexpr uint32_t our_address = 0x0a000001, neighbor = 0x0a000002, all_ospf = 0xe0000005, stream = 0xef010203;
-constexpr uint8_t icmp = 1, ospf = 89, pim = 103;
-constexpr auto deadline = std::chrono::seconds(60);
-
-// A packet's bytes behind its header, by eight digits that say which one it is.
-std::string payload(uint32_t number) {
-  std::string text(8, '0');
-  for (size_t i = 8; i > 0; --i, number /= 10) text[i - 1] = static_cast<char>('0' + number % 10);
-  return text;
-}
-
-// As the client prints it.
-std::string hex(const std::string &bytes) {
-  std::string text;
-  for (const char each : bytes) {
-    const char *digits = "0123456789abcdef";
-    text += digits[static_cast<uint8_t>(each) >> 4];
-    text += digits[static_cast<uint8_t>(each) & 15];
-  }
-  return text;
-}
-
-struct Fields {
-  uint32_t source = neighbor;
-  uint32_t destination = our_address;
-  uint8_t protocol = ospf;
-  uint8_t ttl = 5;
-};
-
-// For the client's step `packet`.
-std::string packet_of(const Fields &fields, const std::string &behind) {
-  std::string packet(ipv4::shortest_header, '\0');
-  const auto header = std::as_writable_bytes(std::span(packet.data(), packet.size()));
-  ipv4::set_version_and_header_length(header, ipv4::shortest_header);
-  ipv4::write16(header, ipv4::total_length_at, static_cast<uint16_t>(packet.size() + behind.size()));
-  ipv4::write8(header, ipv4::ttl_at, fields.ttl);
-  ipv4::write8(header, ipv4::protocol_at, fields.protocol);
-  ipv4::write32(header, ipv4::source_at, fields.source);
-  ipv4::write32(header, ipv4::destination_at, fields.destination);
-  ipv4::write_checksum(header);
-  return hex(packet + behind);
-}
 
 // RFC 792.
 std::string echo_request() {
@@ -78,38 +32,6 @@ std::string echo_request() {
   ipv4::write16(bytes, 2, ipv4::checksum_of(bytes));
   return message;
 }
-
-class Client {
- public:
-  explicit Client(const Words &steps) {
-    Words command{RECEPTION_CLIENT};
-    if (steps[0] != "become") command.emplace_back("attach");
-    command.insert(command.end(), steps.begin(), steps.end());
-    process_ = Process(command);
-  }
-
-  bool says(const std::string &text) {
-    return wait_until([&] { return process_.output().find(text) != std::string::npos; }, deadline);
-  }
-  bool receives() { return says("receives 1\n"); }
-  bool said(const std::string &text) { return process_.output().find(text) != std::string::npos; }
-  // Lines about packets, whole ones.
-  Words packets() {
-    Words lines;
-    std::istringstream text(process_.output().substr(0, process_.output().rfind('\n') + 1));
-    for (std::string line; std::getline(text, line);) {
-      if (line.starts_with("packet ")) lines.push_back(line);
-    }
-    return lines;
-  }
-  bool gets(uint32_t number) { return says(hex(payload(number)) + "\n"); }
-  bool has(uint32_t number) { return said(hex(payload(number)) + "\n"); }
-  Process &process() { return process_; }
-  const std::string &output() { return process_.output(); }
-
- private:
-  Process process_;
-};
 
 // What passes a peer's device, decoded by tshark: one line "source > destination protocol ttl ICMP-type data" each.
 class Wire {
@@ -236,6 +158,27 @@ TEST_F(PacketReceptionTest, APacketOfARegisteredProtocolArrivesWithItsInterfaceA
   send(ospf, our_address, 2);
   ASSERT_TRUE(client.gets(2)) << client.output();
   EXPECT_EQ(client.packets(), (Words{line("10.0.0.2 10.0.0.1", ospf, 2)}));
+}
+
+TEST_F(PacketReceptionTest, APacketArrivesByReferenceAtWhomWantsThat) {
+  ASSERT_NO_FATAL_FAILURE(start());
+  Client client({"reference", "register", "ospf", "89", "receive"});
+  Client other({"register", "other", "89", "receive"});
+  ASSERT_TRUE(client.receives() && other.receives()) << client.output();
+  constexpr uint32_t count = 20;
+  send(ospf, our_address, 0, count);
+  ASSERT_TRUE(client.gets(count - 1) && other.gets(count - 1)) << client.output();
+  const Words got = client.packets();
+  ASSERT_EQ(got.size(), count);
+  for (uint32_t i = 0; i < count; ++i) {
+    std::string expected = line("10.0.0.2 10.0.0.1", ospf, i);
+    EXPECT_EQ(got[i], expected.replace(expected.find("segments"), 8, "reference"));
+  }
+  EXPECT_EQ(other.packets()[0], line("10.0.0.2 10.0.0.1", ospf, 0));
+  rsw::PoolReport pool;
+  std::string reason;
+  EXPECT_TRUE(wait_until([&] { return rsw::report_pool(&pool, &reason) && pool.in_use == 0; }, deadline))
+      << reason << ": " << pool.in_use << " buffers in use";
 }
 
 TEST_F(PacketReceptionTest, AGroupArrivesAtWhomJoinedItOnly) {
