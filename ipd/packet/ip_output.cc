@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A packet leaves in one of two ways:
 //
-//   routed  through a raw socket: the kernel routes it, finds the neighbour, and brings packets for the system itself
-//   to
-//           the system itself
+//   routed  through a raw socket: the kernel routes it, finds the neighbour, and takes in what is for the system
 //   framed  through a packet socket, when the client wants what a raw socket cannot do: another next hop than the route
 //           has, or another source of the frame than the interface's
 //
