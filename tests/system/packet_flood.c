@@ -49,6 +49,7 @@ static struct mbuf *make_packet(uint32_t group, uint32_t size) {
 }
 
 static int send_packets(char **arguments) {
+  if (ip_init_mts(&ip_client.data_q, -1) == 0) return 2;
   const uint32_t by_segments = strcmp(arguments[0], "segments") == 0;
   const uint32_t iod = number_of(arguments[1]);
   const uint32_t group = number_of(arguments[2]);
@@ -126,6 +127,8 @@ static uint32_t lie_once(const uint32_t *targets, uint32_t target_count) {
 
 static int lie(int count, char **arguments) {
   if (setgid(number_of(arguments[0])) != 0 || setuid(number_of(arguments[0])) != 0) return 2;
+  /* Bound by that user: messages from another one's SAP do not arrive at all. */
+  if (ip_init_mts(&ip_client.data_q, -1) == 0) return 2;
   state = number_of(arguments[1]);
   uint32_t targets[16];
   uint32_t target_count = 0;
@@ -137,12 +140,11 @@ static int lie(int count, char **arguments) {
 }
 
 int main(int argc, char **argv) {
-  if (ip_api_init() == NULL || ip_init_mts(&ip_client.data_q, -1) == 0) return 2;
+  if (ip_api_init() == NULL) return 2;
   int result = 2;
   if (argc == 7 && strcmp(argv[1], "send") == 0) result = send_packets(argv + 2);
   if (argc == 3 && strcmp(argv[1], "keep") == 0) result = keep(argv + 2);
   if (argc >= 5 && strcmp(argv[1], "lie") == 0) result = lie(argc - 2, argv + 2);
-  mts_unbind(ip_client.data_q, 0);
   ip_api_close();
   return result;
 }

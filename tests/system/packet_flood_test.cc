@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -159,6 +160,7 @@ TEST_F(PacketFloodTest, WhatAKilledIpdHeldIsTakenBackByTheNext) {
 }
 
 TEST_F(PacketFloodTest, AnotherUsersPacketsGoNowhere) {
+  std::filesystem::permissions(run_directory_.path(), std::filesystem::perms(0755));
   const uint64_t before = sent_by("va");
   Process client = liar(65534, 7, 2000);
   EXPECT_TRUE(says(client, "lied")) << client.output();
