@@ -21,7 +21,8 @@ bool is_for_packets(const control::Registration &registration) {
 // Of several registrations for one queue, the last one says how.
 void Receivers::list(Protocol &protocol) {
   protocol.each.clear();
-  for (const auto &[serial, receiver] : protocol.by_serial) {
+  for (const auto &entry : protocol.by_serial) {
+    const Receiver &receiver = entry.second;
     const auto known = std::ranges::find_if(
         protocol.each, [&](const Receiver &other) { return other.pid == receiver.pid && other.sap == receiver.sap; });
     if (known == protocol.each.end()) {
