@@ -6,7 +6,6 @@
 // as a client does it; "sendmsg" is one bare message of as many bytes on a connected SOCK_SEQPACKET pair; "raw_socket"
 // is a sendto of the packet on a raw socket that has the header included, "af_packet" one of the frame on a packet
 // socket, both on a loopback interface of its own.
-#include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
@@ -175,7 +174,8 @@ int main(int argc, char **argv) {
   const test_support::RunDirectory directory;
   if (!rsw::sysmgr_open_for_writing(&reason) || !rsw::mbuf_open_for_writing(&reason)) stop(reason);
   for (const uint32_t size : {64u, 1400u}) {
-    const std::string end = "/" + std::to_string(size);
+    std::string end = "/";
+    end += std::to_string(size);
     const auto add = [&](const char *who, const std::function<void(benchmark::State &)> &body) {
       bench::add(std::string("hand_over/") + who + end, bench::Time::processor, body);
     };
