@@ -7,15 +7,12 @@
 //
 //   iod         an interface, as the interface manager numbers them; 0 is no interface
 //   component   the number of a client library; IP's is 267. The interface manager's slots and the memory tracker's
-//   tables
-//               go by it
+//               tables go by it
 //   host order  addresses are 32-bit words, first octet most significant: 10.0.0.0 is 0x0a000000; `_net`: network order
 //   Threads     who may call at once: "any" is any number of threads; "start-up" is code that runs while no other
-//   thread
-//               uses the library
+//               thread uses the library
 //   Blocks      whether the call can wait for anything: a message, a disk, another process. A short critical section
-//   between
-//               threads of the process does not count
+//               between threads of the process does not count
 //   Owns        what changes hands; "nothing" leaves everything with whoever had it
 //
 // Arguments that are always the same constant are named after it (`zero`, `one`, `kind6`): pass that value and nothing

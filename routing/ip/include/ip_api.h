@@ -10,19 +10,22 @@
 //   ip_api_close();
 //
 // Words used throughout:
-//   iod      an interface, as the interface manager numbers them; 0 is no interface
-//   context  a VRF: an id (never 0), a name, a table of the URIB
-//   address  32 bits in host order, first octet most significant: 10.0.0.0 is 0x0a000000. inet_ntoa() is the exception
-//   true     1; false, none, "no answer" and failure are all 0 or null, unless a function says otherwise
+//   iod         an interface, as the interface manager numbers them; 0 is no interface
+//   context     a VRF: an id (never 0), a name, a table of the URIB
+//   context_id  of a context; 0 is none
+//   address     32 bits in host order, first octet most significant: 10.0.0.0 is 0x0a000000. inet_ntoa() is the
+//               exception
+//   addr        an address
+//   true        1; false, none, "no answer" and failure are all 0 or null, unless a function says otherwise
 //
 // Threads, where a function says "any": any number of threads may call it at once, also from inside a callback that the
 // library makes. "start-up" functions build up or tear down the state of the whole process without a lock: call them
 // from start-up and shut-down code, while no other thread is inside the library.
 //
-// Blocks: no function in this header blocks, unless it says so. The reader lock under the queries makes no system call
-// and waits for nobody. In the IP process (ip_is_server_flag) queries take no lock at all: it owns the database.
+// Blocks: no, unless a function says otherwise. The reader lock under the queries makes no system call and waits for
+// nobody. In the IP process (ip_is_server_flag) queries take no lock at all: it owns the database.
 //
-// Owns: nothing is handed over in either direction, unless a function says so. Records and names that point into the
+// Owns: nothing, unless a function says otherwise: what was whose stays so. Records and names that point into the
 // shared segment stay readable while the process is attached, but may change or be reused after the call: copy what has
 // to last.
 #ifndef IP_API_H
@@ -70,6 +73,7 @@ static_assert(offsetof(struct ip_client, reg_aux32) == 192, "");
 static_assert(offsetof(struct ip_client, flags) == 196, "");
 static_assert(offsetof(struct ip_client, recv_fn) == 200, "");
 
+// The client record of this process.
 extern struct ip_client ip_client;
 
 // ----------------------------------------------------------------------------------------------------- start and stop
@@ -115,19 +119,20 @@ void ip_api_close(void);
 void ip_api_close_nodeps(void);
 
 // Takes the name of the segment away: who is attached stays attached, nobody attaches any more. For the IP process.
-// Results: 1, always.
+// Threads: start-up. Results: 1, always.
 uint32_t ip_remove_shm(void);
 
-// Threads: any. Results: the address of ip_client, attached or not.
+// The client record of this process. Threads: any. Results: the address of ip_client, attached or not.
 struct ip_client *ip_get_client_pointer(void);
 
 // Size in bytes of the largest message between a client and the IP process. Threads: any. Results: 232.
 uint32_t ip_get_max_msg_size(void);
 
-// Threads: any. Results: 0: there is no accounting of the data queue; kept for its callers.
+// How full the data queue is: nobody keeps account of that. Kept for its callers. Threads: any. Results: 0.
 uint32_t ip_data_queue_get_usage(void);
 
-// Drivers need no state of their own in this library; kept for their start-up code. Results: 1.
+// Does nothing: drivers need no state of their own in this library. Kept for their start-up code. Threads: any.
+// Results: 1.
 uint32_t ip_driver_api_init(void);
 void ip_driver_api_close(void);
 
@@ -166,6 +171,7 @@ uint32_t ip_get_urib_q(void);
 
 // Sends a message of IP_MSG_SIZE bytes to a SAP of this node, and one of any size.
 //   queue   to send from; -1: refused
+//   sap     of the receiver
 //   msg     begins with the header of ip_msg.h; its uuid is written here; null: refused
 //   size    bytes, the header included
 //   prio    checked and otherwise ignored: above 32768: refused
@@ -177,8 +183,9 @@ uint32_t ip_cl_mts_send(uint32_t queue, uint32_t sap, ip_msgtype *msg, int32_t p
 uint32_t ip_cl_mts_send_with_sz(uint32_t queue, uint32_t sap, void *msg, uint32_t size, int32_t prio, void *opts,
                                 uint32_t opcode);
 
-// Sends a request of IP_MSG_SIZE bytes from the client's control queue. Attached or not. Threads, Blocks, Owns, Results
-// as ip_cl_mts_send.
+// Sends a request of IP_MSG_SIZE bytes from the client's control queue. Attached or not.
+//   msg  as for ip_cl_mts_send()
+// Threads, Blocks, Owns, Results: as ip_cl_mts_send().
 uint32_t ip_mts_send(ip_msgtype *msg);
 
 // Gives the IP process's two queues back. Their variables keep the old handles. Threads: start-up.
@@ -190,8 +197,8 @@ void ip_free_message_queue(void);
 // Threads: any, one per packet.
 void ip_change_msg_owner(ip_msgtype *msg, int32_t owner);
 
-// What a registration will say. All of them: Threads: start-up, between ip_api_init and ip_register. Results: 1; 0,
-// nothing changed: not attached.
+// Sets what a registration will say. Threads: start-up, between ip_api_init and ip_register. Results: 1; 0, nothing
+// changed: not attached.
 //   flags  IP_CLIENT_...; the two receive flags are always set with them
 //   queue  the control queue
 //   name   of the receive function, 33 characters of it. It clears both receive flags; _with_tx_mts sets
@@ -233,25 +240,31 @@ int32_t ip_deregister(const char *name, uint8_t reg_key, struct ip_client *clien
 // Requests without a reply, from the client's control queue. All of them: Threads: any. Blocks: as mts_send.
 // Results: 1 sent; 0 not: an argument is refused (iod 0, no group or a group where a source belongs), or no queue.
 
-// Multicast on the interface as a whole: while a process has it on, every group arrives and IFF_MULTICAST is set.
+// Switches multicast on the interface as a whole on or off: while a process has it on, every group arrives and
+// IFF_MULTICAST is set.
 uint32_t ip_enable_multicast(uint32_t iod);
 uint32_t ip_disable_multicast(uint32_t iod);
 
-// Membership of a group on an interface, from any source. group in 224.0.0.0/4.
+// Joins or leaves a group on an interface, for any source.
+//   group  in 224.0.0.0/4, host order
 uint32_t ip_join_group(uint32_t group, uint32_t iod);
 uint32_t ip_leave_group(uint32_t group, uint32_t iod);
 
-// The same by the interface's index. ip_join_group_if starts the library and registers the process, without a name, if
-// that has not been done (Threads: start-up, then); such a registration has no queues, so the request itself is not
-// sent: bind a control queue and join again. It takes a reference as ip_api_init does.
+// The same by the interface's index, ifindex, 0 being refused. ip_join_group_if starts the library and registers the
+// process, without a name, if that has not been done (Threads: start-up, then); such a registration has no queues, so
+// the request itself is not sent: bind a control queue and join again. It takes a reference as ip_api_init does.
 uint32_t ip_join_group_if(uint32_t group, uint32_t ifindex);
 uint32_t ip_leave_group_if(uint32_t group, uint32_t ifindex);
 
-// Membership of a group for one source, which must not be a group.
+// Joins or leaves a group on an interface for one source.
+//   group   in 224.0.0.0/4, host order
+//   source  an address that is no group, host order
 uint32_t ip_join_channel(uint32_t group, uint32_t source, uint32_t iod);
 uint32_t ip_leave_channel(uint32_t group, uint32_t source, uint32_t iod);
 
-// Reports a link-local value. ref not 0.
+// Reports a link-local value.
+//   ref    a number of the process's choosing; the same one again replaces the value. 0: refused
+//   value  what the process wants
 uint32_t ip_report_link_local(uint32_t ref, uint32_t value);
 
 // Makes an interface borrow another one's address, and undoes it.
@@ -271,6 +284,8 @@ uint32_t ip_request_load_share_cfg(uint32_t queue);
 uint32_t ip_req_redirect_disable(uint32_t queue, uint32_t count, const uint32_t *iods);
 uint32_t ip_unnumbered_pss_cleanup(uint32_t queue, uint32_t count, const uint32_t *iods);
 
+// ------------------------------------------------------------------------------------------ requests that are answered
+
 // Configures an address on an interface.
 //   address, masklen  host order; not martian; 1 .. 32
 //   cfg_result        out: more about the status, untouched when there is nothing more; null: not wanted
@@ -284,6 +299,7 @@ uint32_t ip_configure_address(uint32_t iod, uint32_t address, uint8_t masklen, u
                               uint32_t wait);
 
 // Reads a reply that the caller received on the control queue (opcode IP_OPCODE_CONFIGURE) and drops it.
+//   msg         as mts_recv() gave it
 //   i1, i2, i3  not looked at
 //   cfg_result  as above
 // Threads: any. Results: IP_CONFIG_STATUS_...; IP_CONFIG_STATUS_NO_REPLY also for a message that is too short for one.
@@ -305,8 +321,7 @@ extern uint32_t ip_urib_mts_q, ip_server_ctrl_mts_q, ip_server_data_mts_q;
 // 1 once the process is registered, 0 again when it is not.
 extern int32_t ip_register_done;
 
-// ------------------------------------------------------------------------------------------------- why a question
-// failed
+// ----------------------------------------------------------------------------------------------- why a question failed
 
 // The reason of the last failed call of a query that says "error text", one line without a newline; empty after a
 // success of such a query. Other queries leave it alone.
@@ -315,8 +330,7 @@ extern int32_t ip_register_done;
 char *ip_api_get_error(void);
 char *ip_get_api_error_info(void);
 
-// -------------------------------------------------------------------------------------------------------------
-// contexts
+// ------------------------------------------------------------------------------------------------------------ contexts
 
 // The context record of an id.
 // Threads: any.
@@ -330,7 +344,9 @@ struct ip_api_context_type *ip_get_api_context(uint32_t context_id);
 // Results: the record. Null: not attached, no such context (both silent), or null name (logged as IP_INTERNAL_ERROR).
 struct ip_api_context_type *ip_get_api_context_by_name(const char *name);
 
-// The id of a named context. Arguments and failures as ip_get_api_context_by_name. Results: the id; 0: none.
+// The id of a named context.
+//   name  as for ip_get_api_context_by_name(), and logged like there
+// Threads: any. Results: the id; 0: none, or not attached.
 uint32_t ip_get_api_context_id(const char *name);
 
 // The name of a context.
@@ -372,8 +388,7 @@ uint32_t ip_get_local_mask_len(uint32_t addr, uint32_t iod);
 //   uint8_t len = 0;
 //   for (ip_get_next_secondary(iod, &addr, &len); addr != 0; ip_get_next_secondary(iod, &addr, &len)) ...
 //   addr, mask_len  in: 0 for the first one, else what the previous call gave; out: the next one, or 0 and 0 at the
-//   end,
-//                   and also when the previous one is gone
+//                   end, and also when the previous one is gone
 void ip_get_next_secondary(uint32_t iod, uint32_t *addr, uint8_t *mask_len);
 
 // Number of addresses beyond the primary one.
@@ -432,8 +447,8 @@ uint32_t ip_get_local_addr_for_subnet(uint32_t iod, uint32_t addr);
 // The same question, with its arguments the other way round.
 uint32_t ip_is_addr_on_attached_subnet(uint32_t addr, uint32_t iod);
 
-// Is the address the all-ones or all-zeros host of one of the interface's own subnets? Subnets of 31 and 32 bits have
-// none. Whether such packets may pass is ip_allow_directed_broadcast()'s to say.
+// Is addr the all-ones or all-zeros host of one of the interface's own subnets? Subnets of 31 and 32 bits have none.
+// Whether such packets may pass is ip_allow_directed_broadcast()'s to say.
 uint32_t ip_is_addr_directed_broadcast(uint32_t addr, uint32_t iod);
 
 // Number of virtual addresses of the interface.
@@ -448,7 +463,7 @@ uint32_t ip_get_vaddr_count_for_iod(uint32_t iod);
 //   lender is down, gone or without an address). 0: addr or name is null, or not attached: the error text says which.
 uint32_t ip_get_unnumbered_info(uint32_t iod, uint32_t *addr, char *name, uint32_t *flag);
 
-// The interface came up, went down or changed its address: ICMP errors that name it follow.
+// Says that the interface came up, went down or changed its address: ICMP errors that name it follow.
 //   rec   the caller's record; not null
 //   flag  nonzero: up, the source becomes ip_get_local_addr(iod); 0: down, it becomes 0
 // Results: the new source address, 0 too. When the record names another interface: what strcmp() of the two names
@@ -458,7 +473,8 @@ uint32_t ip_update_icmp_err_source_address(ip_icmp_err_source *rec, uint32_t iod
 // The interface's MTU in bytes, from the interface manager; needs no attachment.
 uint32_t ip_get_mtu(uint32_t iod);
 
-// The MTU that counts for a packet: that of the iod. The first five arguments are ignored.
+// The MTU that counts for a packet: that of the iod.
+//   ignored1 .. ignored5  not looked at
 uint32_t ip_calc_effective_mtu(uint32_t ignored1, uint32_t ignored2, uint32_t ignored3, uint32_t ignored4,
                                uint32_t ignored5, uint32_t iod);
 
@@ -553,9 +569,9 @@ uint32_t ip_get_next_all_address(const char *name, uint32_t addr);
 //   not attached (logged as IP_INTERNAL_ERROR, error text empty).
 uint32_t ip_get_iod_for_local_subnet(const char *name, uint32_t addr, uint8_t len);
 
-// Before an address is configured: does its prefix collide with one that another interface of the context holds? Looks
-// at the prefixes that cover it, where only interfaces that are administratively up count, and at those inside it, of
-// interfaces in any state.
+// Does the prefix of a new address collide with one that another interface of the context holds? Looks at the prefixes
+// that cover it, where only interfaces that are administratively up count, and at those inside it, of interfaces in any
+// state.
 //   ctx         the context; null is an overlap with iod 0: refuse the address
 //   addr, len   the new address, host order, and its length, 1 .. 32 (0 asks for this very address only, inside)
 //   ignore_iod  the interface that is to get the address; 0: none
@@ -643,15 +659,15 @@ uint32_t ip_get_route(uint32_t context_id, uint32_t dest_net, uint32_t *iod);
 // Results: the iod; 0: neither, or the source is connected in another way and no multicast static route agrees.
 uint32_t ip_is_addr_mattached(const char *name, uint32_t addr, uint32_t selector);
 
-// The neighbour from which a multicast static route wants the traffic of a source. Arguments as ip_is_addr_mattached.
+// The neighbour from which a multicast static route wants the traffic of a source.
+//   addr, selector  as for ip_is_addr_mattached()
 // Results: the neighbour's address, host order; 0: no such route, or a direct route covers the source.
 uint32_t ip_get_mstatic_rpf(const char *name, uint32_t addr, uint32_t selector);
 
 // The same, a direct route or not.
 uint32_t ip_get_mstatic_rpf_no_mpath(const char *name, uint32_t addr, uint32_t selector);
 
-// ---------------------------------------------------------------------------------------- router id, counters,
-// settings
+// --------------------------------------------------------------------------------------- router id, counters, settings
 
 // All of them: Threads: any. Results: 0 also when the process is not attached.
 
@@ -684,18 +700,21 @@ typedef struct ip_ecmp_loadshare_status {
 static_assert(sizeof(ip_ecmp_loadshare_status) == 8, "");
 static_assert(offsetof(ip_ecmp_loadshare_status, value) == 4, "");
 
+// Copies that setting of the database.
 //   result  out; not null
 // Results: 1: *result is filled in. 0, *result untouched: not attached (logged as IP_INTERNAL_ERROR), no database.
 uint32_t ip_get_ecmp_loadshare_status(ip_ecmp_loadshare_status *result);
 
 // Multicast packets and bytes of the interface, by the counters that the IP process keeps (struct ip_if_stats).
-//   c1 .. c5, b1, b2  out; a null one is left out
+//   c1 .. c5, b1 .. b2  out; a null one is left out
 // Results: 1: all that are not null are filled in. 0, nothing written: iod 0, no IP state, no statistics.
 uint32_t ip_get_mcast_pkt_stats_orig(uint32_t iod, uint32_t *c1, uint32_t *c2, uint32_t *c3, uint32_t *c4,
                                      uint32_t *c5);
 uint32_t ip_get_mcast_byte_stats_orig(uint32_t iod, uint64_t *b1, uint64_t *b2);
 
-// Nothing: they read and write nothing, whatever the interface; kept for their callers. Results: 0.
+// Does nothing: reads and writes nothing, whatever the interface. Kept for its callers.
+//   c1 .. c5, b1 .. b2  not looked at
+// Results: 0.
 uint32_t ip_get_mcast_pkt_stats(uint32_t iod, uint32_t *c1, uint32_t *c2, uint32_t *c3, uint32_t *c4, uint32_t *c5);
 uint32_t ip_get_mcast_byte_stats(uint32_t iod, uint64_t *b1, uint64_t *b2);
 
@@ -733,19 +752,26 @@ struct ip_if_info_msg_entry_tbl_t {
 };
 RSW_SIZE_32(struct ip_if_info_msg_entry_tbl_t, 496);
 RSW_OFFSET_32(struct ip_if_info_msg_entry_tbl_t, d, 16);
+
+// The tables, of a message and of its entries.
 extern struct ip_if_info_msg_tbl_t ip_if_info_msg_tbl;
 extern struct ip_if_info_msg_entry_tbl_t ip_if_info_msg_entry_tbl;
 
 // The calls of tlvu.h on these tables: the first of each pair for a whole message, the second, _entry_, for one entry.
-// Arguments and results are those of the call that is named; Threads: any, unless it says otherwise.
+// Arguments and results are those of the call that is named. Threads: any, unless it says otherwise.
 
-// A walk over the fields of a TLV buffer: tlvu_field_itr_init, tlvu_field_itr_get_next. Threads: one per walk.
+// A walk over the fields of a TLV buffer: tlvu_field_itr_init, tlvu_field_itr_get_next.
+//   a .. e         as the call takes them, in its order and without the table
+//   iterator, out  as the call takes them
+// Threads: one per walk. Results: those of the call.
 uint32_t ip_if_info_msg_field_itr_init(uintptr_t a, uintptr_t b, uintptr_t c, uintptr_t d, uint16_t e);
 uint32_t ip_if_info_msg_entry_field_itr_init(uintptr_t a, uintptr_t b, uintptr_t c, uintptr_t d, uint16_t e);
 uint32_t ip_if_info_msg_field_get_next(void *iterator, void *out);
 uint32_t ip_if_info_msg_entry_field_get_next(void *iterator, void *out);
 
 // One field by its id: tlvu_get_field.
+//   a .. e  as the call takes them, in its order and without the table
+// Results: those of the call.
 uint32_t ip_if_info_msg_get_field(uintptr_t a, uintptr_t b, uintptr_t c, uintptr_t d, uintptr_t e);
 uint32_t ip_if_info_msg_entry_get_field(uintptr_t a, uintptr_t b, uintptr_t c, uintptr_t d, uintptr_t e);
 
@@ -754,6 +780,7 @@ uint32_t ip_if_info_msg_get_tlv_sz(const void *record);
 uint32_t ip_if_info_msg_entry_get_tlv_sz(const void *record);
 
 // How many bytes the record of a TLV buffer has: tlvu_table_get_struct_size_from_tlv.
+//   tlv  the buffer
 // Results: bytes. -1: no such record in there (the error is shown by tlvu_error_print, with the function's name).
 int32_t ip_if_info_msg_get_struct_sz(const void *tlv);
 int32_t ip_if_info_msg_entry_get_struct_sz(const void *tlv);
@@ -770,13 +797,15 @@ uint32_t ip_if_info_msg_entry_to_tlv(const void *record, void **out, uint32_t *o
 
 // The record of a TLV buffer: tlvu_table_convert_tlv_to_struct. The buffer may come from anywhere: it is checked.
 //   out            out: the record
+//   tlv, tlv_size  the buffer and its bytes
 //   a              0
 // Owns: *out is the caller's; release it with ip_free_if_info_tlv().
 // Results: 0: done. Anything else: the error, shown as above; no record.
 uint32_t ip_if_info_msg_to_struct(void **out, const void *tlv, uint32_t tlv_size, uintptr_t a);
 uint32_t ip_if_info_msg_entry_to_struct(void **out, const void *tlv, uint32_t tlv_size, uintptr_t a);
 
-// Releases what the four calls above made. Null is nothing to release.
+// Releases what ip_if_info_msg_to_tlv(), ip_if_info_msg_to_struct() and their _entry_ twins made.
+//   buffer         null: nothing to release
 //   flags          0
 // Threads: any. Owns: takes the buffer.
 void ip_free_if_info_tlv(void *buffer, uint32_t flags);
@@ -791,7 +820,7 @@ uint32_t ip_if_info_msg_get_sz(const void *msg);
 // Threads: any. Results: 0.
 uint32_t ip_if_info_msg_default_init(void *entry);
 
-// For the IP process: puts a message into a notification in TLV form.
+// Puts a message into a notification, in TLV form. For the IP process.
 //   n              from mtrack_alloc; payload, payload_len and tlv_payload are written, the id is read
 //   msg            the message, with its entries
 // Threads: any, one per notification.
@@ -814,8 +843,9 @@ uint32_t ip_parse_if_info_notification(mts_msg_ref_t msg, void (*callback)(ip_if
 
 // ------------------------------------------------------------------------------------------ addresses, masks, prefixes
 
-// All of them: Threads: any. No state, no attachment needed. Mask lengths are 0 .. 32; above that the answer has no
-// use.
+// No state, no attachment needed. All of them: Threads: any.
+//   len   of a prefix, 0 .. 32; above that the answer has no use
+//   mask  the bits of a prefix as ones, host order
 
 // The mask of a length: 24 is 0xffffff00, 0 is 0.
 uint32_t ip_bits2mask(uint8_t len);
@@ -858,10 +888,10 @@ uint32_t ip_is_addr_in_prefix(uint32_t addr, uint32_t prefix, uint8_t len);
 //   mac  6 bytes, written
 void ip_get_mac_multicast(uint32_t group, uint8_t *mac);
 
-// Are both fields equal?
+// Are both fields of two prefixes, a and b, equal?
 uint32_t ip_match_prefix(const ip_prefixtype *a, const ip_prefixtype *b);
 
-// Copies both fields: source first, destination second.
+// Copies both fields of a prefix from src to dst.
 void ip_copy_prefix(const ip_prefixtype *src, ip_prefixtype *dst);
 
 // Is the address that of a syslog server? Results: 0, always; kept for its callers.
@@ -875,33 +905,34 @@ uint32_t ip_is_syslog_svr_address(uint32_t addr);
 extern char ip_address_string[8][20];
 extern int32_t ip_address_string_next;
 
-// Dotted text of an address, "10.1.2.3". Owns: the result is a slot, see above.
+// The dotted text of an address, "10.1.2.3".
+// Threads: any, but two that format at once may get the same slot. Owns: the result is a slot, which the eighth call
+// after this one overwrites.
 char *ip_print_addr(uint32_t addr);
 
-// Dotted text and length, "10.1.0.0/16".
+// The dotted text and the length of a prefix p, "10.1.0.0/16". Threads, Owns: as above.
 char *ip_print_prefix(const ip_prefixtype *p);
 
-// Dotted text of an address in network order, as it lies in a packet. It stands in for the C library's function in
-// every program that links this library, so it takes the same bytes. A source that includes <arpa/inet.h> as well
-// defines LIBIP_NO_INET_NTOA: the C library's declaration then serves for both. Threads: any, but there is one buffer:
-// each call overwrites the result of the last.
+// The dotted text of an address in network order, as it lies in a packet (addr_net). It stands in for the C library's
+// function in every program that links this library, so it takes the same bytes. A source that includes <arpa/inet.h>
+// as well defines LIBIP_NO_INET_NTOA: the C library's declaration then serves for both. Threads: any, but there is one
+// buffer: each call overwrites the result of the last.
 #ifndef LIBIP_NO_INET_NTOA
 char *inet_ntoa(uint32_t addr_net);
 #endif
 
-// ------------------------------------------------------------------------------------------------- state of the
-// process
+// ------------------------------------------------------------------------------------------------ state of the process
 
 // Written by start and stop, read by anybody; a client does not write them.
-extern void *ip_shseg;                         // handle of the segment; null: not attached
-extern void *ip_api_data;                      // root record, struct ip_root; null: not attached
-extern void *ip_api_mpib;                      // second part of the root record
-extern void *ip_api_contexts_queue;            // head of the context list, the root record
-extern uint32_t ip_api_attached;               // 1 between start and stop
-extern uint32_t ip_api_refcnt;                 // starts that were not matched by a stop
-extern uint32_t ip_api_dep_modules_init_done;  // 1 once the URIB client is up
-extern uint32_t g_ip_fwd_enabled_spl_ifidx;    // the special interface, and its iod once it was looked up
-extern uint32_t g_ip_fwd_enabled_spl_iod;
+extern void *ip_shseg;                                             // handle of the segment; null: not attached
+extern void *ip_api_data;                                          // root record, struct ip_root; null: not attached
+extern void *ip_api_mpib;                                          // second part of the root record
+extern void *ip_api_contexts_queue;                                // head of the context list, the root record
+extern uint32_t ip_api_attached;                                   // 1 between start and stop
+extern uint32_t ip_api_refcnt;                                     // starts that were not matched by a stop
+extern uint32_t ip_api_dep_modules_init_done;                      // 1 once the URIB client is up
+extern uint32_t g_ip_fwd_enabled_spl_ifidx;                        // index of the special interface; 0: none
+extern uint32_t g_ip_fwd_enabled_spl_iod;                          // its iod, once it was looked up
 extern void *addr_ip_shseg, *addr_ip_api_data, *addr_ip_api_mpib;  // copies that a core dump still has after a stop
 
 // Set by the IP process, before it starts the library, and by nobody else: no lock is taken in its queries.

@@ -313,6 +313,8 @@ uint32_t ip_cl_output_l2_dce(struct mbuf *packet, uint32_t iod, uint32_t next_ho
                              uint32_t word108);
 
 // Sends nothing: it is ip_cl_output_l2 without an interface. Kept for its callers.
+//   ignored, next_hop, vlan, l2_addr  not looked at
+//   free_flag                         nonzero: the packet is freed
 // Owns: takes the packet if free_flag is not 0. Results: 0.
 uint32_t ip_cl_output_l2_pw(struct mbuf *packet, uint32_t ignored, uint32_t next_hop, uint32_t vlan, uint32_t free_flag,
                             const uint8_t *l2_addr);
@@ -341,6 +343,7 @@ uint32_t ip_icmp_error(uint32_t iod, struct mbuf *packet, uint32_t type, uint32_
 
 // The same for a driver, which has no buffers: about the packet that begins with these bytes. Sent from the process's
 // own data queue.
+//   type, code  of the ICMP error (RFC 792)
 //   quoted_len  IP_QUOTED_MIN .. IP_QUOTED_MAX; else refused
 //   quoted      IPv4 header and what follows; null: refused
 // Owns: nothing. No memory for the message is told on the console.
@@ -377,6 +380,7 @@ uint32_t ip_send_replicate(struct mbuf *packet, uint32_t iod, uint32_t context_i
 uint32_t ip_dont_forward_ra_on_restart(const char *name, uint8_t number, struct ip_client *client, uint32_t interval);
 
 // The address to use towards a remote one: ip_get_route(), but for loopback, and without its out-value.
+//   context_id  where to look
 //   remote_net  network order
 // Threads: any. Blocks: no. Results: as ip_get_route() says; 127.0.0.1 in host order for itself; 0 for an address that
 // no host may have.
@@ -385,12 +389,14 @@ uint32_t ip_local_from_remote(uint32_t context_id, uint32_t remote_net);
 // Writes a 20-byte IPv4 header without options, identification and checksum, with TTL 255.
 //   hdr        20 bytes, of any alignment
 //   total_len  network order: written as it is
+//   proto      the IP protocol of what follows
 //   src, dst   host order
 // Threads: any. Blocks: no. Results: 1.
 uint32_t ip_l3_encap(void *hdr, uint16_t total_len, uint8_t proto, uint32_t src, uint32_t dst);
 
 // What a destination counts as.
-//   iod  of the interface whose directed broadcasts count
+//   addr  the destination, host order
+//   iod   of the interface whose directed broadcasts count
 // Threads: any. Blocks: no. Results: IP_PACKET_UNICAST, IP_PACKET_MULTICAST or IP_PACKET_BROADCAST.
 uint32_t ip_packet_stats_type(uint32_t addr, uint32_t iod);
 

@@ -23,9 +23,10 @@ extern "C" {
 
 // Puts a 20-byte IPv4 header (RFC 791) in front of a packet, without options, identification, DF or fragment offset,
 // with its checksum.
-//   packet     what the header is to carry
-//   total_len  host order, the header included; written as it is given
-//   src, dst   host order
+//   packet           what the header is to carry
+//   tos, ttl, proto  written as they are given
+//   total_len        host order, the header included; written as it is given
+//   src, dst         host order
 // Owns: takes the packet, returns it; a packet whose arguments are refused stays the caller's.
 // Results: the packet. Null: packet, src or dst is 0: refused; or no buffer: the packet is gone.
 struct mbuf *ip_build_header(struct mbuf *packet, uint8_t tos, uint16_t total_len, uint8_t ttl, uint8_t proto,
@@ -44,8 +45,9 @@ struct mbuf *ip_build_header(struct mbuf *packet, uint8_t tos, uint16_t total_le
 struct mbuf *udp_build_header(struct mbuf *packet, uint16_t sport, uint16_t dport, uint16_t payload_len, uint32_t src,
                               uint32_t dst, uint32_t reserved, uint32_t *hdr_len);
 
-// Turns a header's total length, identification and flags with fragment offset into network order, and into host order.
-// Addresses and checksum stay as they are. Null: nothing happens.
+// Turns total length, identification and flags with fragment offset into network order, and into host order.
+// Addresses and checksum stay as they are.
+//   hdr  20 bytes; null: nothing happens
 void ip_hton_header(void *hdr);
 void ip_ntoh_header(void *hdr);
 
@@ -56,7 +58,8 @@ void ip_ntoh_header(void *hdr);
 uint32_t ip_get_ttl_from_packet(struct mbuf *packet, uint8_t *ttl);
 uint32_t ip_set_ttl_in_packet(struct mbuf *packet, uint8_t ttl);
 
-// Sets DF in a header that is in host order (ip_ntoh_header()). Otherwise as ip_set_ttl_in_packet().
+// Sets DF in a header that is in host order (ip_ntoh_header()). The checksum is not recomputed, as above.
+// Results: 1. 0: null, or fewer than 20 bytes in the first buffer; nothing is written.
 uint32_t ip_set_df_in_packet(struct mbuf *packet);
 
 // The total length that a packet's header says; its first 4 bytes must lie in the first buffer.
@@ -88,6 +91,7 @@ uint32_t ip_is_mpls_oam_echo_request_packet(struct mbuf **packet);
 // memory, an odd last byte counting as if a zero followed. Store it as it is. Over bytes that carry their checksum it
 // is 0; over none it is 0xffff.
 
+// The checksum of bytes that lie together.
 //   buffer  of any alignment; not read when length is 0
 uint16_t ip_checksum(const void *buffer, uint32_t length);
 
@@ -111,23 +115,24 @@ uint16_t in_cksum(struct mbuf *chain, int32_t offset, int32_t length);
 // and in one buffer with it. The check value is an HMAC over the header, the check value itself being zero there, and
 // the data.
 //   hdr       28 bytes, data_len bytes behind them
+//   next_hdr  the IP protocol of the data
 //   spi, seq  host order
 //   key       16 bytes for MD5; a text, up to its NUL, for SHA
 //   use_md5   0: HMAC-SHA; else HMAC-MD5. Of either the first 16 bytes
 void ip_build_ah_header(void *hdr, uint8_t next_hdr, uint32_t spi, uint32_t seq, uint32_t data_len, const void *key,
                         uint32_t use_md5);
 
-// Compares the check value, and leaves zeros in its place, whatever comes out. Nothing else of the header is looked at,
-// nor whether the sequence number was seen before. Results: 1 equal; 0 not.
+// Compares the check value, and leaves zeros in its place, whatever comes out. Arguments as above. Nothing else of the
+// header is looked at, nor whether the sequence number was seen before. Results: 1 equal; 0 not.
 uint32_t ip_verify_ah_header(void *hdr, uint32_t data_len, const void *key, uint32_t use_md5);
 
 // -------------------------------------------------------------------------------------------------- names of protocols
 
-// The keyword of an IP protocol number: 89 is "ospf". Threads: any. Results: static text; "unknown" above 134.
+// The keyword of an IP protocol number, proto: 89 is "ospf". Threads: any. Results: static text; "unknown" above 134.
 const char *ip_get_proto_name(uint8_t proto);
 
-// The number of a keyword, in any letter case; its first 16 characters count. A number as text is no keyword.
-// Threads: any. Results: 0 .. 134; 255: no such keyword.
+// The IP protocol number of a keyword, name, in any letter case; its first 16 characters count. A number as text is no
+// keyword. Threads: any. Results: 0 .. 134; 255: no such keyword.
 uint32_t ip_get_proto_num(const char *name);
 
 // -------------------------------------------------------------------------------------------------------------- dumps
