@@ -39,6 +39,7 @@ foreach(library libip librsw)
 endforeach()
 
 include(packaging/manual.cmake)
+include(packaging/reference.cmake)
 if(TARGET ipd)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/man/ipd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT ipd)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/man/ipd.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT ipd)

@@ -83,6 +83,11 @@ def first_sentence(text):
     return match.group(0) if match else text
 
 
+def sentence_case(text):
+    """With a capital letter first, unless a name stands there."""
+    return text if re.match(r"[a-z]*[_(]", text) else text[0].upper() + text[1:]
+
+
 def is_question(text):
     return first_sentence(text).endswith("?")
 
@@ -173,12 +178,12 @@ def _split_arguments(declaration):
 
 
 def _argument_name(declaration):
-    match = re.search(r"\(\*(\w+)\)", declaration) or re.search(r"(\w+)(?:\[\w*\])?$", declaration)
+    match = re.search(r"\(\*(\w+)\)", declaration) or re.search(r"(\w+|\.\.\.)(?:\[\w*\])?$", declaration)
     return match.group(1)
 
 
 def parse_prototype(text, header, line):
-    text = " ".join(text.split())
+    text = re.sub(r" RSW_PRINTF\(.*\);$", ";", " ".join(text.split()))
     match = re.match(r"^(.*?)(\w+)\((.*)\);$", text)
     if not match:
         raise ContractError(f"{header}:{line}: not understood: {text}")

@@ -150,7 +150,7 @@ def function_page(contract, everything, words):
             if answering is not results[0][0]:
                 out.append(".Pp")
             out += list_of(answering)
-        out += prose(text[0].upper() + text[1:])
+        out += prose(contracts.sentence_case(text))
 
     shown = []
     for name in SHOWN:
@@ -161,7 +161,7 @@ def function_page(contract, everything, words):
                 shown.append((f"{name}, {of[0].name}()", own))
     if shown:
         out.append(".Sh ATTRIBUTES")
-        out += rows([(name, text[0].upper() + text[1:]) for name, text in shown], macro_words)
+        out += rows([(name, contracts.sentence_case(text)) for name, text in shown], macro_words)
 
     out.append(".Sh SEE ALSO")
     mine = {function.name for function in functions}
