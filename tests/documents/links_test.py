@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """usage: links_test.py SOURCE_DIRECTORY
 
-Does each link of the documents lead to a file or a folder that is there, and to a heading of it?
+Does each link of the documents lead to a file or a folder that is there, and to a heading of it? Are the files there that
+those for developers name as `folder/file`, and do they name each fuzzer?
 """
 
 import re
@@ -42,8 +43,24 @@ def problems(source, documents):
         yield f"only {links} links: they are not understood"
 
 
+def missing_files(source, names):
+    for name in names:
+        text = (source / name).read_text()
+        paths = [each.rstrip("/") for each in re.findall(r"`([\w.*-]+/[\w.*-][\w./*-]*)`", text)]
+        if not paths:
+            yield f"{name} names no file"
+        yield from (f"{name}: there is no {path}" for path in paths if not any(source.glob(path)))
+
+
+def missing_fuzzers(source):
+    named = set(re.findall(r"`(fuzz_\w+)`", (source / "SECURITY.md").read_text()))
+    there = {file.stem for file in source.glob("fuzz/fuzz_*.cc")}
+    yield from (f"SECURITY.md and fuzz/ differ about {each}" for each in sorted(named ^ there))
+
+
 if __name__ == "__main__":
     top = Path(sys.argv[1]).resolve()
     found = list(problems(top, [*top.glob("*.md"), *top.glob("docs/*.md"), *top.glob("examples/*.md")]))
+    found += [*missing_files(top, ("CONTRIBUTING.md", "SECURITY.md")), *missing_fuzzers(top)]
     print("\n".join(found))
     sys.exit(1 if found else 0)
