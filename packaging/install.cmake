@@ -44,4 +44,6 @@ if(TARGET ipd)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/man/ipd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT ipd)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/man/ipd.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT ipd)
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/systemd/ipd.service DESTINATION lib/systemd/system COMPONENT ipd)
+  install(FILES ${CMAKE_SOURCE_DIR}/packaging/systemd/ipd.sysusers DESTINATION lib/sysusers.d RENAME ipd.conf
+    COMPONENT ipd)
 endif()

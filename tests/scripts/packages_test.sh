@@ -153,13 +153,16 @@ check() {
   local name
   export STUB_INSTALLED="" STUB_CMAKE_SAYS=${STUB_CMAKE_SAYS:-}
   for name in $packages_build $packages_run $packages_test; do STUB_INSTALLED+=" $name:amd64"; done
-  mkdir -p "$work/tree/fuzz"
+  mkdir -p "$work/tree/fuzz" "$work/tree/packaging"
   ln -s "$source_directory/scripts" "$work/tree/scripts"
   cp "$source_directory/check" "$work/tree/check"
   stub cmake <<<'[ "$1 $2" = "--preset m32" ] && echo "$STUB_CMAKE_SAYS"; echo "cmake $*" >>"$STUB_CALLS"'
   stub ctest <<<'echo "100% tests passed, 0 tests failed out of 1"'
-  printf '#!/bin/sh\n' >"$work/tree/fuzz/replay"
-  chmod 755 "$work/tree/fuzz/replay"
+  stub lintian <<<''
+  for name in fuzz/replay packaging/build_packages packaging/try_packages; do
+    printf '#!/bin/sh\n' >"$work/tree/$name"
+    chmod 755 "$work/tree/$name"
+  done
   "$work/tree/check" "$@" >"$work/said" 2>&1 || fail "./check $*: $?"
 }
 a_quick_check_does_not_ask_for_32_bits() {
