@@ -153,13 +153,13 @@ check() {
   local name
   export STUB_INSTALLED="" STUB_CMAKE_SAYS=${STUB_CMAKE_SAYS:-}
   for name in $packages_build $packages_run $packages_test; do STUB_INSTALLED+=" $name:amd64"; done
-  mkdir -p "$work/tree/fuzz" "$work/tree/packaging"
+  mkdir -p "$work/tree/fuzz" "$work/tree/packaging" "$work/tree/build/native/bin"
   ln -s "$source_directory/scripts" "$work/tree/scripts"
   cp "$source_directory/check" "$work/tree/check"
   stub cmake <<<'[ "$1 $2" = "--preset m32" ] && echo "$STUB_CMAKE_SAYS"; echo "cmake $*" >>"$STUB_CALLS"'
   stub ctest <<<'echo "100% tests passed, 0 tests failed out of 1"'
   stub lintian <<<''
-  for name in fuzz/replay packaging/build_packages packaging/try_packages; do
+  for name in build/native/bin/soak fuzz/replay packaging/build_packages packaging/try_packages; do
     printf '#!/bin/sh\n' >"$work/tree/$name"
     chmod 755 "$work/tree/$name"
   done
