@@ -25,6 +25,14 @@ case $way in
     export PKG_CONFIG_LIBDIR=$libraries/pkgconfig
     read -ra words <<< "$(pkg-config --cflags --libs libip)"
     "$compiler" "$@" -Wall -Wextra -Werror "$work/client.c" "${words[@]}" -o "$work/client"
+    # The installed headers are enough for each example, in either language.
+    read -ra words <<< "$(pkg-config --cflags libip)"
+    cp "$source"/examples/*.[ch]* "$work"
+    for example in "$work"/*.c "$work"/*.cc; do
+      language=()
+      [[ $example != *.cc ]] || language=(-std=c++20)
+      "$compiler" "$@" "${language[@]}" -Wall -Wextra -Werror "${words[@]}" -c "$example" -o "$work/example.o"
+    done
     ;;
   FindPackage)
     cat > "$work/CMakeLists.txt" <<'END'
