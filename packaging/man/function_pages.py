@@ -81,8 +81,10 @@ def list_of(functions):
 
 
 def one_line(contract):
-    sentence = contracts.first_sentence(contract.blocks[0][0].prose())
-    sentence = re.split(r"(?<=[a-z)]{2})[:;] ", sentence)[0].rstrip(".?")
+    """What the first function does, without what only goes on about it."""
+    whole = contracts.first_sentence(contract.blocks[0][0].prose())
+    sentence = re.split(r"(?<=[a-z)]{2})[:;] ", whole)[0]
+    sentence = (sentence if len(sentence.split()) > 2 else whole).rstrip(".?")
     if not re.match(r"(IPv4|IP|URIB|UDP|[A-Z]{2,})\b", sentence):
         sentence = sentence[0].lower() + sentence[1:]
     return sentence.rstrip(":")
@@ -96,7 +98,8 @@ def synopsis(functions):
     out = [".Sh SYNOPSIS", ".In ip_api.h"]
     for function in functions:
         out += [f".Ft {function.result}", f".Fo {function.name}"]
-        out += [f".Fa \"{argument}\"" for argument in function.arguments or ["void"]]
+        # A pointer to a function has arguments of its own: the line may break between them, too.
+        out += [f".Fa \"{part}\"" for argument in function.arguments or ["void"] for part in argument.split(", ")]
         out.append(".Fc")
     return out + [".Pp", "Built with", ".Dl " + escape(LINK)]
 
