@@ -72,6 +72,7 @@ class FailingKernel final : public ipd::kernel::AddressRequests,
                             public ipd::kernel::InterfaceCounters {
  public:
   int add(uint32_t, uint32_t, uint8_t) override { return error; }
+  int remove(uint32_t, uint32_t, uint8_t) override { return error; }
   int disable(const std::string &) override { return error; }
   int read(uint32_t, rtnl_link_stats64 *counters) override {
     if (error == 0) *counters = {};

@@ -8,6 +8,9 @@
 // An address that is there already is done. Requests that wait count as if they were published, so two for the same
 // prefix on two interfaces cannot both get through.
 //
+// A removal goes the same way: it is done when the address is not published any more. Of the refusals it has those that
+// can be: whom an address overlaps, and what address it is, does not matter to its end.
+//
 // Waiting ends with the publication, with the interface, or after some seconds. A caller that is gone gets no answer;
 // the address stays, as one that was configured by hand would. An answer that finds no room in the caller's queue is
 // tried again as long as that.
@@ -46,6 +49,11 @@ bool has_address(const InterfaceFacts &facts, uint32_t addr, uint8_t mask_len) {
   });
 }
 
+// What the kernel's refusal is to the client.
+uint8_t status_of(int error) {
+  return error == EPERM || error == EACCES ? IP_CONFIG_STATUS_NO_PRIVILEGE : IP_CONFIG_STATUS_KERNEL;
+}
+
 Refusal refusal_of(uint8_t status) {
   switch (status) {
     case IP_CONFIG_STATUS_DONE:
@@ -74,7 +82,7 @@ bool Addresses::busy(int32_t pid) const {
 // none.
 uint32_t Addresses::overlapping(const InterfaceFacts &facts, uint32_t addr, uint8_t mask_len) const {
   for (const Wait &wait : waiting_) {
-    if (wait.answer || wait.iod == facts.iod || wait.context_id != facts.state.context_id) continue;
+    if (wait.answer || wait.removes || wait.iod == facts.iod || wait.context_id != facts.state.context_id) continue;
     if (share(wait.addr, wait.mask_len, addr, mask_len)) return wait.iod;
   }
   for (const auto &[iod, address] : box_.addresses_of_context(facts.state.context_id)) {
@@ -85,30 +93,23 @@ uint32_t Addresses::overlapping(const InterfaceFacts &facts, uint32_t addr, uint
 
 std::optional<Addresses::Answer> Addresses::configure(const Request &request, const ip_msg_config_address &asked) {
   if (asked.mask_len == 0 || asked.mask_len > 32) return Answer{.status = IP_CONFIG_STATUS_MALFORMED};
-  if (is_martian(asked.address, asked.mask_len)) return Answer{.status = IP_CONFIG_STATUS_MARTIAN};
+  const bool removes = (asked.cfg_flags & IP_CONFIG_REMOVE) != 0;
+  if (!removes && is_martian(asked.address, asked.mask_len)) return Answer{.status = IP_CONFIG_STATUS_MARTIAN};
   const auto facts = box_.interface(asked.iod);
   if (!facts) return Answer{.status = IP_CONFIG_STATUS_NO_INTERFACE};
   if (busy(request.sender.pid)) return Answer{.status = IP_CONFIG_STATUS_BUSY};
-  if (const uint32_t other = overlapping(*facts, asked.address, asked.mask_len); other != 0) {
-    return Answer{.status = IP_CONFIG_STATUS_OVERLAP, .result = other};
-  }
-  const int error = kernel_.add(facts->state.ifindex, asked.address, asked.mask_len);
-  switch (error) {
-    case 0:
-      break;
-    case EEXIST:
-      if (has_address(*facts, asked.address, asked.mask_len)) return Answer{};
-      break;
-    case ENODEV:
-      return Answer{.status = IP_CONFIG_STATUS_NO_INTERFACE};
-    case EPERM:
-    case EACCES:
-      return Answer{.status = IP_CONFIG_STATUS_NO_PRIVILEGE, .result = static_cast<uint32_t>(error)};
-    default:
-      return Answer{.status = IP_CONFIG_STATUS_KERNEL, .result = static_cast<uint32_t>(error)};
-  }
+  const uint32_t other = removes ? 0 : overlapping(*facts, asked.address, asked.mask_len);
+  if (other != 0) return Answer{.status = IP_CONFIG_STATUS_OVERLAP, .result = other};
+  const uint32_t ifindex = facts->state.ifindex;
+  const int error = removes ? kernel_.remove(ifindex, asked.address, asked.mask_len)
+                            : kernel_.add(ifindex, asked.address, asked.mask_len);
+  const bool was_so = error == (removes ? EADDRNOTAVAIL : EEXIST);
+  if (was_so && has_address(*facts, asked.address, asked.mask_len) != removes) return Answer{};
+  if (error == ENODEV) return Answer{.status = IP_CONFIG_STATUS_NO_INTERFACE};
+  if (error != 0 && !was_so) return Answer{.status = status_of(error), .result = static_cast<uint32_t>(error)};
   waiting_.push_back({.sender = request.sender,
                       .wants_reply = (asked.cfg_flags & IP_CONFIG_NO_WAIT) == 0,
+                      .removes = removes,
                       .iod = asked.iod,
                       .context_id = facts->state.context_id,
                       .addr = asked.address,
@@ -162,8 +163,8 @@ bool Addresses::answer_now(const Sender &sender, const Answer &answer) {
 std::optional<Addresses::Answer> Addresses::outcome(const Wait &wait) const {
   if (wait.answer) return wait.answer;
   const auto facts = box_.interface(wait.iod);
-  if (!facts) return Answer{.status = IP_CONFIG_STATUS_NO_INTERFACE};
-  if (has_address(*facts, wait.addr, wait.mask_len)) return Answer{};
+  if (!facts) return wait.removes ? Answer{} : Answer{.status = IP_CONFIG_STATUS_NO_INTERFACE};
+  if (has_address(*facts, wait.addr, wait.mask_len) != wait.removes) return Answer{};
   return std::nullopt;
 }
 
@@ -187,7 +188,7 @@ void Addresses::tick(Clock::time_point now) {
       ++wait;
       continue;
     }
-    // The kernel took it and it was never seen: somebody took it away again, or there is no room to publish it.
+    // The kernel did it and it was never seen: somebody undid it at once, or there is no room to publish it.
     if (!wait->answer && wait->wants_reply) {
       (void)reply(wait->sender, {.status = IP_CONFIG_STATUS_KERNEL, .result = ETIMEDOUT});
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// IP_MSG_CONFIG_ADDRESS: an address for an interface, out of the kernel's hands.
+// IP_MSG_CONFIG_ADDRESS: an address for an interface, out of the kernel's hands, or its end.
 #ifndef IPD_CONTROL_ADDRESSES_H
 #define IPD_CONTROL_ADDRESSES_H
 
@@ -43,13 +43,14 @@ class Addresses final : public Handler {
   struct Wait {
     Sender sender;
     bool wants_reply = false;
+    bool removes = false;
     uint32_t iod = 0, context_id = 0, addr = 0;
     uint8_t mask_len = 0;
     std::optional<Answer> answer;             // it is known, and there was no room for it
     std::optional<Clock::time_point> latest;  // set at the first tick
   };
 
-  // Nothing: the kernel has the address, and it is not published yet.
+  // Nothing: the kernel did it, and it is not published yet.
   [[nodiscard]] std::optional<Answer> configure(const Request &request, const ip_msg_config_address &asked);
   [[nodiscard]] bool busy(int32_t pid) const;
   [[nodiscard]] uint32_t overlapping(const InterfaceFacts &facts, uint32_t addr, uint8_t mask_len) const;

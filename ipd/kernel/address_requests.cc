@@ -28,9 +28,15 @@ class RtnetlinkRequests final : public AddressRequests {
   RtnetlinkRequests(const RtnetlinkRequests &) = delete;
   RtnetlinkRequests &operator=(const RtnetlinkRequests &) = delete;
 
-  int add(uint32_t ifindex, uint32_t addr, uint8_t mask_len) override;
+  int add(uint32_t ifindex, uint32_t addr, uint8_t mask_len) override {
+    return ask(RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, ifindex, addr, mask_len);
+  }
+  int remove(uint32_t ifindex, uint32_t addr, uint8_t mask_len) override {
+    return ask(RTM_DELADDR, 0, ifindex, addr, mask_len);
+  }
 
  private:
+  int ask(uint16_t type, uint16_t flags, uint32_t ifindex, uint32_t addr, uint8_t mask_len);
   int open();
   void close();
   int answer();
@@ -54,12 +60,12 @@ void RtnetlinkRequests::close() {
   socket_ = nullptr;
 }
 
-int RtnetlinkRequests::add(uint32_t ifindex, uint32_t addr, uint8_t mask_len) {
+int RtnetlinkRequests::ask(uint16_t type, uint16_t flags, uint32_t ifindex, uint32_t addr, uint8_t mask_len) {
   if (const int error = open(); error != 0) return error;
   std::array<char, 256> room{};
   nlmsghdr *message = mnl_nlmsg_put_header(room.data());
-  message->nlmsg_type = RTM_NEWADDR;
-  message->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
+  message->nlmsg_type = type;
+  message->nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | NLM_F_ACK | flags);
   message->nlmsg_seq = ++sequence_;
   auto *fixed = static_cast<ifaddrmsg *>(mnl_nlmsg_put_extra_header(message, sizeof(ifaddrmsg)));
   fixed->ifa_family = AF_INET;

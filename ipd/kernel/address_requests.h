@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Asking the kernel for an address on an interface.
+// Asking the kernel for an address on an interface, and for its end.
 #ifndef IPD_KERNEL_ADDRESS_REQUESTS_H
 #define IPD_KERNEL_ADDRESS_REQUESTS_H
 
@@ -18,6 +18,8 @@ class AddressRequests {
   // is no such interface. EPERM, EACCES: this process may not. ETIMEDOUT: no answer. Else the error number of the
   // kernel or the socket.
   virtual int add(uint32_t ifindex, uint32_t addr, uint8_t mask_len) = 0;
+  // Removes it. Results: as add's, but EADDRNOTAVAIL: it was not there.
+  virtual int remove(uint32_t ifindex, uint32_t addr, uint8_t mask_len) = 0;
 };
 
 }  // namespace ipd::kernel

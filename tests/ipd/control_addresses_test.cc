@@ -26,7 +26,12 @@ class FakeKernel final : public kernel::AddressRequests {
     calls.push_back({ifindex, addr, mask_len});
     return error;
   }
+  int remove(uint32_t ifindex, uint32_t addr, uint8_t mask_len) override {
+    removals.push_back({ifindex, addr, mask_len});
+    return error;
+  }
   std::vector<Call> calls;
+  std::vector<Call> removals;
   int error = 0;
 };
 
@@ -59,6 +64,12 @@ class ControlAddressesTest : public testing::Test {
   void publish(uint32_t iod, uint32_t addr, uint8_t mask_len) {
     InterfaceFacts &facts = box.interfaces.at(iod);
     facts.addresses.push_back({.addr = addr, .mask_len = mask_len, .secondary = false, .scope = 0});
+    addresses.interfaces_changed({facts.state.ifindex});
+  }
+  // The kernel's removal arrives and is published.
+  void withdraw(uint32_t iod, uint32_t addr) {
+    InterfaceFacts &facts = box.interfaces.at(iod);
+    std::erase_if(facts.addresses, [addr](const AddressState &address) { return address.addr == addr; });
     addresses.interfaces_changed({facts.state.ifindex});
   }
   void expect_only_reply(uint32_t status, uint32_t result) {
@@ -252,6 +263,57 @@ TEST_F(ControlAddressesTest, TooManyRequestsOfAllAreBusyUntilOneIsDone) {
   expect_only_reply(IP_CONFIG_STATUS_BUSY, 0);
   publish(eth0, 0x0b000001, 24);
   EXPECT_EQ(configure(ask(eth0, a1, 24)), Refusal::none);
+}
+
+TEST_F(ControlAddressesTest, ARemovalIsDoneWhenTheAddressIsNotPublishedAnyMore) {
+  publish(eth0, a1, 24);
+  EXPECT_EQ(configure(ask(eth0, a1, 24, IP_CONFIG_REMOVE)), Refusal::none);
+  EXPECT_EQ(kernel_requests.removals, (std::vector<FakeKernel::Call>{{2, a1, 24}}));
+  EXPECT_TRUE(kernel_requests.calls.empty());
+  addresses.interfaces_changed({2});
+  EXPECT_TRUE(transport.sent.empty());
+  withdraw(eth0, a1);
+  expect_only_reply(IP_CONFIG_STATUS_DONE, 0);
+  EXPECT_EQ(addresses.waiting(), 0u);
+}
+
+TEST_F(ControlAddressesTest, TheRemovalOfWhatIsNotThereIsDoneAtOnce) {
+  kernel_requests.error = EADDRNOTAVAIL;
+  EXPECT_EQ(configure(ask(eth0, a1, 24, IP_CONFIG_REMOVE)), Refusal::none);
+  expect_only_reply(IP_CONFIG_STATUS_DONE, 0);
+}
+
+TEST_F(ControlAddressesTest, ARemovalThatOnlyTheKernelKnowsOfYetIsWaitedFor) {
+  publish(eth0, a1, 24);
+  kernel_requests.error = EADDRNOTAVAIL;
+  EXPECT_EQ(configure(ask(eth0, a1, 24, IP_CONFIG_REMOVE)), Refusal::none);
+  EXPECT_TRUE(transport.sent.empty());
+  withdraw(eth0, a1);
+  expect_only_reply(IP_CONFIG_STATUS_DONE, 0);
+}
+
+TEST_F(ControlAddressesTest, ARemovalIsDoneWhenItsInterfaceGoes) {
+  publish(eth0, a1, 24);
+  configure(ask(eth0, a1, 24, IP_CONFIG_REMOVE));
+  box.interfaces.erase(eth0);
+  addresses.interfaces_changed({2});
+  expect_only_reply(IP_CONFIG_STATUS_DONE, 0);
+}
+
+TEST_F(ControlAddressesTest, ARemovalDoesNotKeepThePrefixFromOthers) {
+  EXPECT_EQ(configure(ask(eth0, a1, 24, IP_CONFIG_REMOVE)), Refusal::none);
+  EXPECT_EQ(configure(ask(eth1, a1, 24)), Refusal::none);
+  EXPECT_EQ(kernel_requests.calls, (std::vector<FakeKernel::Call>{{3, a1, 24}}));
+}
+
+TEST_F(ControlAddressesTest, ARemovalThatTheKernelRefusesIsQuoted) {
+  publish(eth0, a1, 24);
+  kernel_requests.error = EPERM;
+  EXPECT_EQ(configure(ask(eth0, a1, 24, IP_CONFIG_REMOVE)), Refusal::kernel);
+  expect_only_reply(IP_CONFIG_STATUS_NO_PRIVILEGE, EPERM);
+  transport.sent.clear();
+  EXPECT_EQ(configure(ask(99, a1, 24, IP_CONFIG_REMOVE)), Refusal::no_interface);
+  expect_only_reply(IP_CONFIG_STATUS_NO_INTERFACE, 0);
 }
 
 TEST_F(ControlAddressesTest, WhoDoesNotWaitGetsNoReply) {

@@ -226,6 +226,23 @@ TEST_F(IpdRequestsTest, AnAddressOutlivesItsClientAndIpd) {
   EXPECT_EQ(ip_get_iod_for_local_address("default", a1), va_);
 }
 
+// Without a look again: what is done is published.
+TEST_F(IpdRequestsTest, AnAddressThatIsRemovedIsNeitherTheKernelsNorPublishedWhenThatIsDone) {
+  begin();
+  ASSERT_EQ(configure(va_, a1, 24), IP_CONFIG_STATUS_DONE);
+  for (uint32_t i = 1; i <= 50; ++i) {
+    ASSERT_EQ(configure(va_, a1 + i, 32), IP_CONFIG_STATUS_DONE) << i;
+    ASSERT_EQ(ip_get_iod_for_local_address("default", a1 + i), va_) << i;
+    ASSERT_EQ(configure(va_, a1 + i, 32, IP_CONFIG_REMOVE), IP_CONFIG_STATUS_DONE) << i;
+    ASSERT_EQ(ip_get_iod_for_local_address("default", a1 + i), 0u) << i;
+  }
+  EXPECT_FALSE(kernel_has("va", "10.0.0.2", 32));
+  EXPECT_EQ(configure(va_, a1, 25, IP_CONFIG_REMOVE), IP_CONFIG_STATUS_DONE) << "it has no such address";
+  EXPECT_TRUE(kernel_has("va", "10.0.0.1", 24));
+  EXPECT_EQ(result_, no_result);
+  expect_same_as_kernel();
+}
+
 TEST_F(IpdRequestsTest, APrefixOfAnotherInterfaceIsRefusedWithThatInterface) {
   begin();
   ASSERT_EQ(configure(vc_, b1, 24), IP_CONFIG_STATUS_DONE);

@@ -286,10 +286,10 @@ uint32_t ip_unnumbered_pss_cleanup(uint32_t queue, uint32_t count, const uint32_
 
 // ------------------------------------------------------------------------------------------ requests that are answered
 
-// Configures an address on an interface.
+// Configures an address on an interface, or takes it away.
 //   address, masklen  host order; not martian; 1 .. 32
 //   cfg_result        out: more about the status, untouched when there is nothing more; null: not wanted
-//   cfg_flags         IP_CONFIG_NO_WAIT, IP_CONFIG_COLLECT, or 0: wait for the reply
+//   cfg_flags         IP_CONFIG_NO_WAIT, IP_CONFIG_COLLECT, or neither: wait for the reply; and IP_CONFIG_REMOVE
 //   wait              seconds, 0 without end
 // Threads: one at a time; nobody else receives on the control queue meanwhile: what arrives there and is not the reply
 // is lost.

@@ -237,6 +237,7 @@ static_assert(offsetof(struct ip_msg_config_address, cfg_flags) == 48, "");
 
 #define IP_CONFIG_NO_WAIT 1u  // no reply is wanted
 #define IP_CONFIG_COLLECT 2u  // the caller collects the reply later
+#define IP_CONFIG_REMOVE 4u   // the address is to be taken away
 
 // The reply, with the same opcode, to the control queue that asked.
 struct ip_msg_config_reply {
@@ -253,7 +254,7 @@ static_assert(offsetof(struct ip_msg_config_reply, status) == 52, "");
 
 // What ip_configure_address answers. 1, 4 and 5 are the library's own; from 16 on the IP process's, with what
 // cfg_result says.
-#define IP_CONFIG_STATUS_DONE 0u           // the address is on the interface and published
+#define IP_CONFIG_STATUS_DONE 0u           // the address is on the interface and published; removed: it is not
 #define IP_CONFIG_STATUS_NO_REPLY 1u       // sent, and no reply came
 #define IP_CONFIG_STATUS_BAD_ARGUMENT 4u   // no interface, no mask length, or an address that no host may have
 #define IP_CONFIG_STATUS_NOT_SENT 5u       // the IP process was not reached
