@@ -6,7 +6,7 @@ packages_build="g++ cmake ninja-build pkg-config libmnl-dev nettle-dev libcli11-
 packages_run="iproute2 util-linux jq"
 packages_test="g++-multilib ccache clang clang-tidy cppcheck libclang-rt-14-dev binutils python3 python3-jsonschema bash-completion mandoc doxygen procps file bird2 frr keepalived tshark"
 # To look at libraries and packages with.
-packages_test="$packages_test abigail-tools dpkg-dev lintian debootstrap"
+packages_test="$packages_test abigail-tools dpkg-dev lintian debootstrap systemtap-sdt-dev bpftrace"
 packages_bench="libbenchmark-dev liburcu-dev libnl-3-dev libnl-route-3-dev libdpdk-dev libdbus-1-dev dbus-daemon gnuplot-nox"
 # For the 32-bit ipd. It is nice to have: see install_packages_i386.
 packages_i386="libmnl-dev:i386"

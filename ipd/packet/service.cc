@@ -13,6 +13,7 @@
 
 #include "ip_packet.h"
 #include "ipd/process/log.h"
+#include "probe.h"
 
 namespace ipd::packet {
 namespace {
@@ -113,6 +114,7 @@ void Service::receive(const control::Request &message) {
     outcome = handler == by_minor_.end() ? Outcome::unknown_minor : handler->second->handle(request);
   }
   count(kind, bytes, outcome);
+  RSW_PROBE4(ipd, packet_message, message.sender.pid, request.minor, bytes, static_cast<int>(outcome));
   if (tapped) {
     const uint32_t iod = kind->iod_at == 0 ? 0 : word_at<uint32_t>(message.bytes, kind->iod_at);
     tell({.to_client = false, .pid = message.sender.pid, .minor = kind->minor, .iod = iod, .outcome = outcome},
@@ -131,6 +133,7 @@ void Service::count(const MessageKind *kind, size_t bytes, Outcome outcome) {
 void Service::delivered(int32_t pid, uint32_t iod, Outcome outcome, std::span<const std::byte> packet) {
   ++deliveries_.received;
   deliveries_.bytes += packet.size();
+  RSW_PROBE4(ipd, packet_delivered, pid, iod, packet.size(), static_cast<int>(outcome));
   ++deliveries_.by_outcome[static_cast<size_t>(outcome)];
   tell({.to_client = true, .pid = pid, .minor = IP_MSG_INPUT, .iod = iod, .outcome = outcome}, packet);
 }

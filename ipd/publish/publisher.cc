@@ -31,6 +31,7 @@
 
 #include "ipd/publish/segment_publisher.h"
 #include "mtrack/mtrack_writer.h"
+#include "probe.h"
 
 namespace ipd {
 
@@ -97,6 +98,13 @@ uint32_t SegmentPublisher::iod(uint32_t ifindex) const {
 }
 
 bool SegmentPublisher::commit() {
+  RSW_PROBE(ipd, publish_begin);
+  const bool done = commit_changes();
+  RSW_PROBE3(ipd, publish_end, segment_->header()->generation, interfaces_.size(), contexts_.size());
+  return done;
+}
+
+bool SegmentPublisher::commit_changes() {
   for (Context *context : router_ids_due_) choose_router_id(*context);
   router_ids_due_.clear();
   if (!live_) {

@@ -52,6 +52,7 @@ class SegmentPublisher final : public Publisher {
   [[nodiscard]] PublisherUse use() const override;
 
  private:
+  bool commit_changes();
   template <class... Text>
   bool refuse(const Text &...text) {
     error_.clear();

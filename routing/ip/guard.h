@@ -9,13 +9,17 @@
 
 #include "im.h"
 #include "ip_api.h"
+#include "probe.h"
 #include "tsp.h"
 
 namespace libip {
 
 class [[nodiscard]] ReadGuard {
  public:
-  ReadGuard() : lock_(ip_client.rwsem_lock), held_(ip_is_server_flag == 0) {
+  // `query`, for tracers: the function that asks.
+  explicit ReadGuard(const char *query = __builtin_FUNCTION())
+      : lock_(ip_client.rwsem_lock), held_(ip_is_server_flag == 0), query_(query) {
+    IP_PROBE1(query_begin, query_);
     if (held_) [[likely]] {
       tsp_lock_acquire_rdlock(lock_);
     }
@@ -24,6 +28,7 @@ class [[nodiscard]] ReadGuard {
     if (held_) [[likely]] {
       tsp_lock_release_rdlock(lock_);
     }
+    IP_PROBE1(query_end, query_);
   }
   ReadGuard(const ReadGuard &) = delete;
   ReadGuard &operator=(const ReadGuard &) = delete;
@@ -32,6 +37,7 @@ class [[nodiscard]] ReadGuard {
   // Remembered, so that what was taken is what is given back.
   const uint32_t lock_;
   const bool held_;
+  const char *const query_;
 };
 
 inline bool attached() {
@@ -46,8 +52,8 @@ inline const ip_iftype *interface_record(uint32_t iod) {
 
 // A question to one interface: guard, record, question(const ip_iftype &); `none` without a record.
 template <class Answer, class Question>
-inline Answer ask_interface(uint32_t iod, Answer none, Question question) {
-  const ReadGuard guard;
+inline Answer ask_interface(uint32_t iod, Answer none, Question question, const char *query = __builtin_FUNCTION()) {
+  const ReadGuard guard(query);
   const ip_iftype *record = interface_record(iod);
   return record == nullptr ? none : question(*record);
 }

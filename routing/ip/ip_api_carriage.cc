@@ -13,6 +13,7 @@
 
 #include "carriage.h"
 #include "mtrack.h"
+#include "probe.h"
 #include "report.h"
 
 namespace libip {
@@ -45,6 +46,7 @@ uint32_t Carriage::reference() const {
 
 uint32_t Carriage::send(const PacketCall &call, uint32_t queue, ip_msgtype *message) {
   const uint32_t sent = ip_cl_mts_send(queue, IP_SAP_PACKET, message, 0, &options_, IP_OPCODE_PACKET);
+  IP_PROBE3(packet_handed_over, call.name, sent, static_cast<uint32_t>(by_segments()));
   if (call.message_from_heap) mtrack_free(message);
   if (sent != 0) {
     if (call.shows_good != nullptr && *call.shows_good != 0) debug_line("%s: good send\n", call.shown_as);

@@ -12,19 +12,21 @@ namespace {
 
 // A word of the context that lookup() finds under the guard; 0: no database, no such context.
 template <class Lookup>
-uint32_t word_of_context(uint32_t ip_api_context_type::*word, Lookup lookup) {
+uint32_t word_of_context(uint32_t ip_api_context_type::*word, Lookup lookup, const char *query) {
   if (ip_api_data == nullptr) return 0;
-  const ReadGuard guard;
+  const ReadGuard guard(query);
   const ip_api_context_type *context = lookup();
   return context == nullptr ? 0 : read_word(context->*word);
 }
 
-uint32_t word_of(uint32_t ip_api_context_type::*word, int32_t context_id) {
-  return word_of_context(word, [context_id] { return ip_get_api_context(static_cast<uint32_t>(context_id)); });
+uint32_t word_of(uint32_t ip_api_context_type::*word, int32_t context_id, const char *query = __builtin_FUNCTION()) {
+  return word_of_context(
+      word, [context_id] { return ip_get_api_context(static_cast<uint32_t>(context_id)); }, query);
 }
 
-uint32_t word_of(uint32_t ip_api_context_type::*word, const char *name) {
-  return word_of_context(word, [name] { return ip_get_api_context_by_name(name); });
+uint32_t word_of(uint32_t ip_api_context_type::*word, const char *name, const char *query = __builtin_FUNCTION()) {
+  return word_of_context(
+      word, [name] { return ip_get_api_context_by_name(name); }, query);
 }
 
 }  // namespace

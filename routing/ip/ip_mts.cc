@@ -13,6 +13,7 @@
 #include "mbuf.h"
 #include "message.h"
 #include "mts.h"
+#include "probe.h"
 #include "report.h"
 #include "sysmgr.h"
 
@@ -47,7 +48,9 @@ uint32_t send(const char *name, uint32_t queue, uint32_t sap, void *message, uin
   // A message of any layout, so copied by bytes.
   const uint32_t uuid = sysmgr_uuid_get();
   std::memcpy(static_cast<uint8_t *>(message) + offsetof(ip_msg_header, uuid), &uuid, sizeof uuid);
-  return mts_send(queue, IP_NODE_LOCAL, sap, opcode, message, size, nullptr, 0, options) < 0 ? 0 : 1;
+  const uint32_t sent = mts_send(queue, IP_NODE_LOCAL, sap, opcode, message, size, nullptr, 0, options) < 0 ? 0 : 1;
+  IP_PROBE4(message_sent, sap, opcode, size, sent);
+  return sent;
 }
 
 // The buffer of a packet message; null: none.

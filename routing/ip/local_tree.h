@@ -53,7 +53,7 @@ inline const ip_local_addr_info *info_of_address(void *tree, uint32_t addr) {
 // A question to the local tree of a named context, under the guard: 0 with the reason in the log or in the error text
 // when there is no such tree.
 template <class Question>
-inline uint32_t ask_tree_of_context(const char *name, Question question) {
+inline uint32_t ask_tree_of_context(const char *name, Question question, const char *query = __builtin_FUNCTION()) {
   clear_error_text();
   if (name == nullptr) {
     report(msg_error_IP_IP_INTERNAL_ERROR, "context name not specified");
@@ -63,7 +63,7 @@ inline uint32_t ask_tree_of_context(const char *name, Question question) {
     report(msg_error_IP_IP_INTERNAL_ERROR, "client not attached");
     return 0;
   }
-  const ReadGuard guard;
+  const ReadGuard guard(query);
   const ip_api_context_type *context = ip_get_api_context_by_name(name);
   if (context == nullptr) {
     set_error_text("Failed to get ctxt_type for context %s", name);

@@ -9,6 +9,7 @@
 #include "mts/mts_server.h"
 #include "mts/queue_table.h"
 #include "mts/references.h"
+#include "probe.h"
 
 using namespace rsw::mts;
 
@@ -49,6 +50,7 @@ int32_t receive(uint32_t handle, mts_msg_ref_t *msg, const Wait &wait, uint32_t 
   return on_queue(handle, [&](Queue &queue) {
     std::unique_ptr<Arrived> arrived;
     const int error = token != 0 ? queue.receive_response(token, wait, &arrived) : queue.receive(wait, &arrived);
+    if (error == 0) RSW_PROBE3(librsw, mts_received, arrived->sap, arrived->opcode, arrived->size);
     return error != 0 ? error : hand_out(queue, handle, std::move(arrived), msg);
   });
 }
@@ -143,9 +145,11 @@ int32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_t opcode, v
   add_pieces(static_cast<const struct mts_send_opts *>(opts), &message);
   int error = 0;
   if (!may_be_sent(node, sap, message, &error)) return result_of(error);
-  return on_queue(queue, [&](Queue &own) {
+  const int32_t status = on_queue(queue, [&](Queue &own) {
     return sent != nullptr ? send_request(own, queue, sap, message, sent) : own.send(sap, message);
   });
+  RSW_PROBE4(librsw, mts_sent, sap, opcode, size, status);
+  return status;
 }
 
 int32_t mts_recv(uint32_t queue, mts_msg_ref_t *msg, struct mts_recv_opts *opts) {
