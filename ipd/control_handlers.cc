@@ -5,13 +5,17 @@
 
 namespace ipd {
 
-ControlHandlers::ControlHandlers(State &state, const Publisher &publisher, control::Transport &transport,
-                                 std::function<bool()> share_load)
+ControlHandlers::ControlHandlers(State &state, const Publisher &publisher, const kernel::Picture &picture,
+                                 control::Transport &transport, std::function<bool()> share_load)
     : box_(state, publisher),
       address_requests_(kernel::AddressRequests::over_rtnetlink()),
       membership_sockets_(kernel::MembershipSockets::make()),
       counters_(kernel::InterfaceCounters::over_rtnetlink()),
-      addresses_(box_, *address_requests_, transport),
+      links_(picture),
+      frames_(kernel::PacketOutput::over_packet_socket()),
+      announcements_(links_, *frames_),
+      addresses_(box_, *address_requests_, transport,
+                 [this](uint32_t ifindex, uint32_t addr) { announcements_.announce(ifindex, addr); }),
       loans_(box_),
       memberships_(box_, *membership_sockets_),
       redirects_(box_, redirect_settings_),

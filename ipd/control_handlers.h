@@ -19,15 +19,21 @@
 #include "ipd/kernel/address_requests.h"
 #include "ipd/kernel/interface_counters.h"
 #include "ipd/kernel/membership_sockets.h"
+#include "ipd/kernel/packet_output.h"
+#include "ipd/kernel/picture.h"
 #include "ipd/kernel/redirects.h"
+#include "ipd/packet/announcement.h"
+#include "ipd/packet/links.h"
 
 namespace ipd {
 
 class ControlHandlers {
  public:
   // All of them outlive it. `share_load` reads the load-share setting and publishes it; false: it could not.
-  ControlHandlers(State &state, const Publisher &publisher, control::Transport &transport,
-                  std::function<bool()> share_load);
+  ControlHandlers(State &state, const Publisher &publisher, const kernel::Picture &picture,
+                  control::Transport &transport, std::function<bool()> share_load);
+  ControlHandlers(const ControlHandlers &) = delete;
+  ControlHandlers &operator=(const ControlHandlers &) = delete;
 
   // It has to outlive the service from then on.
   void add_to(control::Service &service);
@@ -39,6 +45,9 @@ class ControlHandlers {
   std::unique_ptr<kernel::MembershipSockets> membership_sockets_;
   kernel::RedirectSettings redirect_settings_;
   std::unique_ptr<kernel::InterfaceCounters> counters_;
+  packet::KernelLinks links_;
+  std::unique_ptr<kernel::PacketOutput> frames_;
+  packet::Announcements announcements_;
   control::Addresses addresses_;
   control::Loans loans_;
   control::Memberships memberships_;

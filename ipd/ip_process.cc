@@ -204,7 +204,7 @@ void IpProcess::serve_clients() {
   control_ = ControlSap::open(*loop_, configuration_, &reason);
   if (control_ == nullptr) return log_line(LOG_ERR, "no requests are served: %s", reason.c_str());
   if (!state_) return;  // simulated interfaces take no requests
-  handlers_ = std::make_unique<ControlHandlers>(*state_, *publisher_, control_->transport(), [this] {
+  handlers_ = std::make_unique<ControlHandlers>(*state_, *publisher_, picture_, control_->transport(), [this] {
     share_load();
     return publisher_->commit();
   });

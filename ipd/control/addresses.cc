@@ -107,6 +107,7 @@ std::optional<Addresses::Answer> Addresses::configure(const Request &request, co
   if (was_so && has_address(*facts, asked.address, asked.mask_len) != removes) return Answer{};
   if (error == ENODEV) return Answer{.status = IP_CONFIG_STATUS_NO_INTERFACE};
   if (error != 0 && !was_so) return Answer{.status = status_of(error), .result = static_cast<uint32_t>(error)};
+  if (error == 0 && !removes && announce_) announce_(ifindex, asked.address);
   waiting_.push_back({.sender = request.sender,
                       .wants_reply = (asked.cfg_flags & IP_CONFIG_NO_WAIT) == 0,
                       .removes = removes,

@@ -5,9 +5,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <optional>
 #include <set>
+#include <utility>
 
 #include "ip_msg.h"
 #include "ipd/control/box.h"
@@ -23,8 +25,11 @@ class Addresses final : public Handler {
   static constexpr size_t most_waiting_of_a_process = 32;  // of them
   static constexpr auto patience = std::chrono::seconds(5);
 
-  Addresses(const Box &box, kernel::AddressRequests &kernel, Transport &transport)
-      : box_(box), kernel_(kernel), transport_(transport) {}
+  // Is called with an ifindex and an address that the kernel has just been given.
+  using Announce = std::function<void(uint32_t ifindex, uint32_t addr)>;
+
+  Addresses(const Box &box, kernel::AddressRequests &kernel, Transport &transport, Announce announce = nullptr)
+      : box_(box), kernel_(kernel), transport_(transport), announce_(std::move(announce)) {}
 
   Refusal handle(const Request &request) override;
   void refused(const Request &request, Refusal reason) override;
@@ -62,6 +67,7 @@ class Addresses final : public Handler {
   const Box &box_;
   kernel::AddressRequests &kernel_;
   Transport &transport_;
+  Announce announce_;  // null: nobody wants to know
   std::list<Wait> waiting_;
 };
 

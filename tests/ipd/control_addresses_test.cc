@@ -316,6 +316,23 @@ TEST_F(ControlAddressesTest, ARemovalThatTheKernelRefusesIsQuoted) {
   expect_only_reply(IP_CONFIG_STATUS_NO_INTERFACE, 0);
 }
 
+TEST_F(ControlAddressesTest, AnAddressIsAnnouncedWhenTheKernelHasJustGotIt) {
+  std::vector<std::pair<uint32_t, uint32_t>> announced;
+  Addresses announcing(box, kernel_requests, transport,
+                       [&](uint32_t ifindex, uint32_t addr) { announced.emplace_back(ifindex, addr); });
+  const auto handle = [&](const ip_msg_config_address &message) {
+    (void)announcing.handle(test_support::request_of(message, client, IP_OPCODE_CONFIGURE));
+  };
+  handle(ask(eth0, a1, 24));
+  EXPECT_EQ(announced, (std::vector<std::pair<uint32_t, uint32_t>>{{2, a1}}));
+  handle(ask(eth0, a1, 24, IP_CONFIG_REMOVE));
+  kernel_requests.error = EEXIST;
+  handle(ask(eth0, a1, 24));
+  kernel_requests.error = EPERM;
+  handle(ask(eth0, a1 + 1, 24));
+  EXPECT_EQ(announced.size(), 1u);
+}
+
 TEST_F(ControlAddressesTest, WhoDoesNotWaitGetsNoReply) {
   EXPECT_EQ(configure(ask(eth0, a1, 24, IP_CONFIG_NO_WAIT)), Refusal::none);
   EXPECT_EQ(configure(ask(99, a1, 24, IP_CONFIG_NO_WAIT)), Refusal::no_interface);

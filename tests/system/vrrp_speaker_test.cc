@@ -220,6 +220,21 @@ TEST_F(VrrpSpeakerTest, AdvertisementsThatAreNotRightAreDropped) {
   expect_backup(peer_address);
 }
 
+TEST_F(VrrpSpeakerTest, NeighborsAreToldWhoHasTheAddressNow) {
+  ASSERT_EQ(peer_->ip("neigh replace 10.0.0.100 lladdr 02:00:00:00:00:63 dev vb nud stale"), "");
+  start_speaker("200");
+  expect_master();
+  std::string ours, known;
+  ASSERT_EQ(test_support::run({"/bin/sh", "-c", "PATH=$PATH:/usr/sbin:/sbin exec ip -br link show va"}, &ours), 0);
+  const auto command = peer_->command({"/bin/sh", "-c", "PATH=$PATH:/usr/sbin:/sbin exec ip neigh show 10.0.0.100"});
+  const auto is_ours = [&] {
+    if (test_support::run(command, &known) != 0) return false;
+    const size_t address = known.find("lladdr ");
+    return address != std::string::npos && ours.find(known.substr(address + 7, 17)) != std::string::npos;
+  };
+  EXPECT_TRUE(wait_until(is_ours, deadline)) << "the peer knows: " << known << "and we are " << ours;
+}
+
 TEST_F(VrrpSpeakerTest, OtherAddressesThanItsOwnAreTold) {
   start_speaker("200");
   Advertisement other;
