@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The lock is on the open file, not on its existence, so nothing is left behind by a kill and the file is never
-// removed: removing it would let two processes hold locks on two files of one name.
+// removed: removing it would let two processes hold locks on two files of one name. Any descriptor will do for a lock,
+// one for reading too, so nobody but the owner can open the file.
 #include "ipd/process/run_lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,12 +29,14 @@ std::string holder(int descriptor) {
 std::unique_ptr<RunLock> RunLock::take(const std::string &directory, Failure *failure, std::string *reason) {
   const std::string path = directory + "/ipd.lock";
   *failure = Failure::error;
-  const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+  const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor < 0) {
     *reason = path + ": " + strerror(errno);
     return nullptr;
   }
   std::unique_ptr<RunLock> lock(new RunLock(descriptor));
+  // One that root left before ipd had a user of its own is not ours to change, and locks all the same.
+  (void)fchmod(descriptor, 0600);
   if (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
     if (errno == EWOULDBLOCK) {
       *failure = Failure::taken;

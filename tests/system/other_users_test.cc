@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a user who may not configure is refused by the files of a running system: its requests are tested where each
+// request is. Only root can become somebody else, so these tests are there for root alone.
+#include "other_users.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <functional>
+
+#include "im.h"
+#include "ip_api.h"
+#include "ipd_fixture.h"
+#include "mts.h"
+
+namespace {
+
+using namespace ipd_test;
+using namespace other_users;
+using test_support::Process;
+using test_support::wait_until;
+
+constexpr auto deadline = std::chrono::seconds(60);
+constexpr const char *read_only_files[] = {"ip", "im", "urib", "sysmgr"};
+
+class OtherUsers : public testing::WithParamInterface<Users>, public IpdTest {
+ protected:
+  void SetUp() override {
+    IpdTest::SetUp();
+    give_to(run_directory_.path(), users().ipd);
+    std::vector<std::string> command = as_user(users().ipd, users().ipd, the_units);
+    for (const std::string &word : ipd_command({"--foreground"})) command.push_back(word);
+    ipd_ = Process(command);
+    ASSERT_TRUE(wait_until([this] { return ipd_said("live:") || !ipd_.running(); }, deadline)) << ipd_.output();
+    ASSERT_TRUE(ipd_.running()) << ipd_.output();
+  }
+  [[nodiscard]] static const Users &users() { return GetParam(); }
+  [[nodiscard]] std::string file(const std::string &name) const { return run_directory_.path() + "/" + name; }
+
+  // The exit status of a stranger that does this; 100: it could not become one.
+  static int as_stranger(const std::function<int()> &body) {
+    Process stranger([&body] {
+      const uid_t user = users().stranger;
+      return setgid(user) == 0 && setuid(user) == 0 ? body() : 100;
+    });
+    return stranger.wait(deadline);
+  }
+  // The error of opening it so; 0: none.
+  static int error_of_opening(const std::string &path, int flags) {
+    const int descriptor = open(path.c_str(), flags | O_CLOEXEC);
+    if (descriptor < 0) return errno;
+    close(descriptor);
+    return 0;
+  }
+};
+
+TEST_P(OtherUsers, CannotOpenTheDatabaseForWriting) {
+  for (const char *name : read_only_files) {
+    EXPECT_EQ(as_stranger([&] { return error_of_opening(file(name), O_RDWR); }), EACCES) << name;
+    EXPECT_EQ(as_stranger([&] { return error_of_opening(file(name), O_RDONLY); }), 0) << name;
+  }
+}
+
+TEST_P(OtherUsers, CannotEvenReadPacketBuffers) {
+  EXPECT_EQ(as_stranger([this] { return error_of_opening(file("mbuf"), O_RDONLY); }), EACCES);
+}
+
+TEST_P(OtherUsers, CannotMakeAMappedDatabaseWritable) {
+  constexpr uintptr_t window = 0x64000000;
+  EXPECT_EQ(as_stranger([] {
+              if (ip_shm_api_init() == nullptr) return 101;
+              return mprotect(reinterpret_cast<void *>(window), 4096, PROT_READ | PROT_WRITE) == 0 ? 0 : errno;
+            }),
+            EACCES);
+}
+
+// Nor can root by accident: a client opens the database for reading whoever it is.
+TEST_P(OtherUsers, RootsClientsCannotEither) {
+  constexpr uintptr_t window = 0x64000000;
+  attach();
+  EXPECT_EQ(mprotect(reinterpret_cast<void *>(window), 4096, PROT_READ | PROT_WRITE), -1);
+  EXPECT_EQ(errno, EACCES);
+}
+
+TEST_P(OtherUsers, CannotTakeFilesOfTheRunDirectoryAway) {
+  for (const char *name : {"ip", "im", "urib", "tsp", "mtrack", "mbuf", "ipd.lock", "mts/263", "mts/263.queue"}) {
+    EXPECT_EQ(as_stranger([&] { return unlink(file(name).c_str()) == 0 ? 0 : errno; }), EACCES) << name;
+  }
+  EXPECT_EQ(as_stranger([this] { return error_of_opening(file("intruder"), O_CREAT | O_WRONLY); }), EACCES);
+}
+
+TEST_P(OtherUsers, CannotTakeTheSocketsOfOthersAway) {
+  attach();
+  uint32_t queue = ~0u;
+  ASSERT_NE(ip_init_mts(&queue, -1), 0u);
+  const std::string socket = file("mts/dynamic/" + std::to_string(mts_sap_get(queue)));
+  ASSERT_EQ(access(socket.c_str(), F_OK), 0) << socket;
+  EXPECT_EQ(as_stranger([&] { return unlink(socket.c_str()) == 0 ? 0 : errno; }), EPERM);
+  EXPECT_EQ(as_stranger([&] { return rename(socket.c_str(), (socket + "x").c_str()) == 0 ? 0 : errno; }), EPERM);
+  mts_unbind(queue, 0);
+}
+
+TEST_P(OtherUsers, CannotBindTheSapOfAnIpdThatIsAway) {
+  ipd_.signal(SIGTERM);
+  ASSERT_EQ(ipd_.wait(deadline), 0);
+  for (const uint32_t sap : {263u, 264u}) {
+    EXPECT_EQ(as_stranger([sap] {
+                uint32_t queue = ~0u;
+                return ip_init_mts(&queue, static_cast<int32_t>(sap)) == 0 ? 1 : 0;
+              }),
+              1)
+        << sap;
+  }
+}
+
+// A lock takes no more than a descriptor, so the file must not give one to everybody.
+TEST_P(OtherUsers, CannotHoldTheLockThatTheNextIpdNeeds) {
+  EXPECT_EQ(as_stranger([this] { return error_of_opening(file("ipd.lock"), O_RDONLY); }), EACCES);
+}
+
+TEST_P(OtherUsers, CannotStopIpd) {
+  EXPECT_EQ(as_stranger([this] { return kill(ipd_.pid(), SIGTERM) == 0 ? 0 : errno; }), EPERM);
+}
+
+TEST_P(OtherUsers, CannotSwitchTheSystemToStandby) {
+  EXPECT_EQ(as_stranger([this] {
+              std::vector<std::string> words{IPSH, "system", "standby"};
+              std::string said;
+              const int status = test_support::run(words, &said);
+              return status == 0 ? 0 : said.find("ermission denied") == std::string::npos ? 101 : 1;
+            }),
+            1);
+}
+
+TEST_P(OtherUsers, MayAskAllTheSame) {
+  EXPECT_EQ(as_stranger([] {
+              if (ip_shm_api_init() == nullptr) return 101;
+              return ip_is_addr_local("default", 0x7f000001) != 0 ? 0 : 102;
+            }),
+            0);
+}
+
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(OtherUsers);
+INSTANTIATE_TEST_SUITE_P(Root, OtherUsers, testing::ValuesIn(all()), [](const auto &) { return "BecomesSomebody"; });
+
+}  // namespace
