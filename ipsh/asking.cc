@@ -13,19 +13,17 @@
 namespace ipsh {
 namespace {
 
-constexpr uint32_t longest_wait_seconds = 10;
-
 Failure why_not(const std::string &what, int error) {
   const bool denied = error == EACCES || error == EPERM;
   return {denied ? ExitCode::permission : ExitCode::unavailable, fmt::format("{}: {}", what, std::strerror(error)),
           denied ? "run ipsh as a user who may use the run directory" : "start ipd, or look at its log"};
 }
 
-bool receive(uint32_t queue, uint32_t token, const Failure &when_rejected, std::vector<std::byte> *answer,
-             Failure *failure) {
+bool receive(uint32_t queue, uint32_t token, uint32_t wait_seconds, const Failure &when_rejected,
+             std::vector<std::byte> *answer, Failure *failure) {
   mts_recv_opts options{};
   options.w[0] = 1;
-  options.w[2] = longest_wait_seconds;
+  options.w[2] = wait_seconds;
   options.w[3] = token;
   mts_msg_ref_t received = nullptr;
   int32_t status = mts_recv(queue, &received, &options);
@@ -59,7 +57,7 @@ Failure no_queue_failure(int error) {
 }
 
 bool ask_ipd(uint32_t queue, std::span<const std::byte> question, const Failure &rejected,
-             std::vector<std::byte> *answer, Failure *failure) {
+             std::vector<std::byte> *answer, Failure *failure, uint32_t wait_seconds) {
   mts_msg_ref_t sent = nullptr;
   // It is only read.
   auto *payload = const_cast<std::byte *>(question.data());
@@ -70,7 +68,7 @@ bool ask_ipd(uint32_t queue, std::span<const std::byte> question, const Failure 
   }
   const uint32_t token = mts_rr_token_get(sent);
   mts_drop(queue, sent);
-  return receive(queue, token, rejected, answer, failure);
+  return receive(queue, token, wait_seconds, rejected, answer, failure);
 }
 
 }  // namespace ipsh

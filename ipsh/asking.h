@@ -31,8 +31,10 @@ class AskingQueue {
 [[nodiscard]] Failure no_queue_failure(int error);
 
 // Asks and waits for the answer. False: *failure; it is `rejected` when ipd answered that it does not.
+inline constexpr uint32_t answer_wait_seconds = 10;
 [[nodiscard]] bool ask_ipd(uint32_t queue, std::span<const std::byte> question, const Failure &rejected,
-                           std::vector<std::byte> *answer, Failure *failure);
+                           std::vector<std::byte> *answer, Failure *failure,
+                           uint32_t wait_seconds = answer_wait_seconds);
 
 }  // namespace ipsh
 

@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // One place builds the tree, and everything else is read from it: help on every level, the check of the words, and the
 // shell's completion (complete.cc). A leaf has a function that runs after the whole line was parsed, since --run-dir
-// and
-// --json may stand anywhere on it.
+// and --json may stand anywhere on it.
 #include "commands.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <array>
+#include <utility>
 
 #include "attachment.h"
+#include "doctor_command.h"
 #include "explain.h"
 #include "limit_option.h"
 #include "packet_commands.h"
@@ -96,7 +98,7 @@ void add_query(CommandTree *tree) {
   query_command->footer(
       examples("ipsh query ip_get_iod_for_local_address --name default --addr 127.0.0.1\n"
                "  ipsh query ip_bits2mask --len 24 --json\n  ipsh query --list"));
-  tree->runs[query_command] = query_list;
+  tree->add_leaf(query_command, query_list, {"query-list"});
   for (const QueryGroup &group : query_groups()) {
     for (const Query &query : group.queries) {
       CLI::App *command = query_command->add_subcommand(std::string(query.name), std::string(query.what));
@@ -115,7 +117,7 @@ void add_query(CommandTree *tree) {
       command->footer(fmt::format("Answers:\n  {}{}{}\n\n{}", query.reads_found,
                                   query.reads_none.empty() ? "" : "\n  or 0: ", query.reads_none,
                                   examples(fmt::format("ipsh query {} {}", query.name, query.example))));
-      tree->runs[command] = query_runner(query);
+      tree->add_leaf(command, query_runner(query), {"query"});
     }
   }
 }
@@ -126,7 +128,7 @@ void add_explain(CommandTree *tree) {
   command->add_option("--context", tree->options.context, "in this context: its id or name (else the default one)")
       ->type_name("<context-id>");
   command->footer(examples("ipsh explain 198.51.100.7\n  ipsh explain 10.1.2.3 --context red --json"));
-  tree->runs[command] = explain_address;
+  tree->add_leaf(command, explain_address, {"explanation"});
 }
 
 void add_watch(CommandTree *tree) {
@@ -135,7 +137,7 @@ void add_watch(CommandTree *tree) {
   command->add_option("--timeout", tree->options.seconds, "end after so many seconds")->type_name("<seconds>");
   command->footer(examples(
       "ipsh watch\n  ipsh watch --count 1 --timeout 10\n  ipsh watch --json | jq -c 'select(.object == \"address\")'"));
-  tree->runs[command] = watch_changes;
+  tree->add_leaf(command, watch_changes, {"watch-start", "event"});
 }
 
 void add_system(CommandTree *tree) {
@@ -144,10 +146,10 @@ void add_system(CommandTree *tree) {
   system_command->footer(examples("ipsh system standby"));
   CLI::App *active = system_command->add_subcommand("active", "make this supervisor the active one");
   active->footer(examples("ipsh system active"));
-  tree->runs[active] = supervisor_setter(rsw::supervisor_active);
+  tree->add_leaf(active, supervisor_setter(rsw::supervisor_active), {"supervisor"});
   CLI::App *standby = system_command->add_subcommand("standby", "make this supervisor the standby one");
   standby->footer(examples("ipsh system standby"));
-  tree->runs[standby] = supervisor_setter(rsw::supervisor_standby);
+  tree->add_leaf(standby, supervisor_setter(rsw::supervisor_standby), {"supervisor"});
 }
 
 }  // namespace
@@ -159,11 +161,12 @@ CommandTree::CommandTree() : app("Ask the IPv4 state of this system, and ipd to 
   app.add_flag("--json", options.json, "print JSON instead of tables");
   app.add_option("--run-dir", options.run_directory, "the run directory of ipd (else RSW_RUN_DIR, else the default)")
       ->type_name("<directory>");
+  app.add_option("--color", options.color, "colours: auto (else; on a terminal), always or never")->type_name("<when>");
   app.require_subcommand(1);
   app.footer(
       fmt::format("Examples:\n  ipsh show interfaces\n  ipsh query ip_get_mtu --iod eth0\n"
                   "  ipsh explain 198.51.100.7\n"
-                  "  ipsh watch --timeout 60\n\n{}",
+                  "  ipsh watch --timeout 60\n  ipsh doctor\n\n{}",
                   exit_codes));
   add_show(this);
   add_query(this);
@@ -172,6 +175,13 @@ CommandTree::CommandTree() : app("Ask the IPv4 state of this system, and ipd to 
   add_requests(this);
   add_packets(this);
   add_system(this);
+  add_doctor(this);
+}
+
+void CommandTree::add_leaf(CLI::App *command, Run run, std::vector<std::string> kinds) {
+  command->footer(fmt::format("{}\nWith --json the output is of kind {}: see the schemas.", command->get_footer(),
+                              fmt::join(kinds, ", ")));
+  leaves[command] = {std::move(run), std::move(kinds)};
 }
 
 const CLI::App *named_command(const CLI::App &app) {

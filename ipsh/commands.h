@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "exit_code.h"
 #include "printers.h"
@@ -17,7 +18,7 @@ namespace ipsh {
 struct Options {
   bool json = false;
   bool list = false;
-  std::string run_directory;
+  std::string run_directory, color;
   std::string context, interface, table, view, limit;
   std::string address;
   std::string count, seconds;
@@ -29,10 +30,18 @@ struct Options {
 // Runs a command and returns its exit code. With a code of 2 and above *failure says why.
 using Run = std::function<ExitCode(const Options &options, const Printers &printers, Failure *failure)>;
 
+// A command that does something.
+struct Leaf {
+  Run run;
+  std::vector<std::string> kinds;  // of the objects that it prints with --json; each has a schema of that name
+};
+
 struct CommandTree {
   CLI::App app;
   Options options;
-  std::map<const CLI::App *, Run> runs;
+  std::map<const CLI::App *, Leaf> leaves;
+  // Says the kinds in the command's help, too.
+  void add_leaf(CLI::App *command, Run run, std::vector<std::string> kinds);
   CommandTree();
   CommandTree(const CommandTree &) = delete;
   CommandTree &operator=(const CommandTree &) = delete;

@@ -40,6 +40,7 @@ std::vector<std::string> values_of(const std::string &type, const std::string &r
       type == "<context-id>" || type == "<context-name>" || type == "<context-record>" || type == "<table-id>";
   if (type == "<view>") return {"multicast", "unicast"};
   if (type == "<direction>") return {"in", "out"};
+  if (type == "<when>") return {"always", "auto", "never"};
   std::vector<std::string> values;
   if (!interfaces && !contexts) return values;
   if (!run_directory.empty()) setenv("RSW_RUN_DIR", run_directory.c_str(), 1);
@@ -60,7 +61,7 @@ void add_options(const CLI::App *command, std::vector<std::string> *candidates) 
   for (const CLI::App *at = command; at != nullptr; at = at->get_parent()) {
     for (const CLI::Option *option : at->get_options()) {
       for (const std::string &name : option->get_lnames()) {
-        if (at == command || name == "json" || name == "run-dir") candidates->push_back("--" + name);
+        if (at == command || name == "json" || name == "run-dir" || name == "color") candidates->push_back("--" + name);
       }
     }
   }

@@ -5,6 +5,7 @@
 // naming the argument and what is accepted, and an exit code that says which kind of refusal it is; with --json the
 // same is an object on standard output, so that a program which reads JSON always gets some.
 #include <fmt/format.h>
+#include <signal.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -15,6 +16,8 @@
 
 #include "commands.h"
 #include "complete.h"
+#include "nearest.h"
+#include "style.h"
 
 namespace {
 
@@ -45,6 +48,23 @@ std::string stray_word(const CommandTree &tree) {
   return strays.empty() ? "" : option != strays.end() ? *option : strays.front();
 }
 
+// The long names of the options that a command takes, of the levels above too.
+std::vector<std::string> options_of(const CLI::App *command) {
+  std::vector<std::string> names;
+  for (const CLI::App *at = command; at != nullptr; at = at->get_parent()) {
+    for (const CLI::Option *option : at->get_options()) {
+      for (const std::string &name : option->get_lnames()) names.push_back("--" + name);
+    }
+  }
+  return names;
+}
+
+// "did you mean 'NAME'? ", or nothing.
+std::string guess(const std::string &stray, const std::vector<std::string> &names) {
+  const std::string meant = ipsh::nearest(stray, names);
+  return meant.empty() ? "" : fmt::format("did you mean '{}'? ", meant);
+}
+
 // What the parser found wrong, in our words and on one line.
 Failure usage_failure(const CLI::ParseError &error, const CommandTree &tree) {
   const CLI::App *command = ipsh::named_command(tree.app);
@@ -55,10 +75,13 @@ Failure usage_failure(const CLI::ParseError &error, const CommandTree &tree) {
   Failure failure{ExitCode::usage, "", fmt::format("see {} {}", path, many ? "--list" : "--help")};
   if (!stray.empty() && (stray.starts_with('-') || names.empty())) {
     failure.message = fmt::format("{}: '{}' is not accepted here", path, stray);
+    if (stray.starts_with('-'))
+      failure.advice = guess(stray.substr(0, stray.find('=')), options_of(command)) + failure.advice;
   } else if (!names.empty() && dynamic_cast<const CLI::ArgumentMismatch *>(&error) == nullptr) {
     failure.message = stray.empty() ? fmt::format("{}: a command is missing", path)
                                     : fmt::format("{}: there is no '{}'", path, stray);
     if (!many) failure.advice = fmt::format("give one of {}", fmt::join(names, ", "));
+    if (!stray.empty()) failure.advice = guess(stray, names) + failure.advice;
   } else {
     failure.message = fmt::format("{}: {}", path, error.what());
     std::ranges::replace(failure.message, '\n', ' ');
@@ -100,16 +123,30 @@ int run(std::vector<std::string> words) {
     return finish(usage_failure(error, tree), printers);
   }
   if (!tree.options.run_directory.empty()) setenv("RSW_RUN_DIR", tree.options.run_directory.c_str(), 1);
+  if (!ipsh::choose_colors(tree.options.color)) {
+    return finish({ExitCode::usage, fmt::format("--color: '{}' is not accepted here", tree.options.color),
+                   "give auto, always or never"},
+                  printers);
+  }
   Failure failure;
-  const ExitCode code = tree.runs.at(ipsh::named_command(tree.app))(tree.options, printers, &failure);
+  const ExitCode code = tree.leaves.at(ipsh::named_command(tree.app)).run(tree.options, printers, &failure);
   return failure.code == ExitCode::found ? static_cast<int>(code) : finish(failure, printers);
+}
+
+// Output that is lost is a failure. A reader that has gone is another matter: the signal has ended ipsh then.
+int flushed(int status) {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  fmt::print(stderr, "ipsh: not all of the output could be written\n");
+  return static_cast<int>(ExitCode::unavailable);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
+  // Whoever started ipsh may ignore the signal, and a watch would go on for nobody.
+  signal(SIGPIPE, SIG_DFL);
   try {
-    return run(std::vector<std::string>(argv + 1, argv + argc));
+    return flushed(run(std::vector<std::string>(argv + 1, argv + argc)));
   } catch (const std::exception &error) {
     fmt::print(stderr, "ipsh: {}\n", error.what());
     return static_cast<int>(ExitCode::unavailable);

@@ -79,7 +79,7 @@ void add_capture(CommandTree *tree) {
   command->footer("Packets are shown as clients hand them over and as they get them, with what became of them.\n\n" +
                   examples("ipsh capture --protocol ospf\n  ipsh capture -c 100 -w packets.pcapng\n"
                            "  ipsh capture -w - | tshark -r -"));
-  tree->runs[command] = capture_packets;
+  tree->add_leaf(command, capture_packets, {"captured"});
 }
 
 bool decode_ping(const Options &options, PingOrder *order, Failure *failure) {
@@ -126,7 +126,7 @@ void add_ping(CommandTree *tree) {
       ->type_name("<interface>");
   command->add_option("-i,--interval", options.interval, "between two requests (else 1)")->type_name("<seconds>");
   command->footer(examples("ipsh ping 10.0.0.2 -c 3\n  ipsh ping 10.0.0.2 --interface eth0 --size 1400"));
-  tree->runs[command] = ping_address;
+  tree->add_leaf(command, ping_address, {"ping-event", "ping"});
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 
 #include "json_members.h"
 #include "printers.h"
+#include "progress.h"
 
 namespace ipsh {
 namespace {
@@ -35,7 +36,11 @@ void write_list(const std::vector<Row> &rows, const Json &more = Json::object())
   std::string text = text_of(object(form.kind));
   text.back() = ',';
   std::fputs((text + text_of(form.array) + ":[").c_str(), stdout);
-  for (const Row &row : rows) std::fputs(((&row == rows.data() ? "" : ",") + text_of(json_of(row))).c_str(), stdout);
+  Progress progress(rows.size());
+  for (const Row &row : rows) {
+    std::fputs(((&row == rows.data() ? "" : ",") + text_of(json_of(row))).c_str(), stdout);
+    progress.step();
+  }
   std::fputs("]", stdout);
   for (const auto &[name, value] : more.items())
     std::fputs(("," + text_of(name) + ":" + text_of(value)).c_str(), stdout);
@@ -105,6 +110,20 @@ void system(const SystemState &state) {
   json["contexts"] = state.contexts;
   json["interfaces"] = state.interfaces;
   json["addresses"] = state.addresses;
+  write(json);
+}
+
+void diagnosis(const Diagnosis &diagnosis) {
+  Json json = object("diagnosis");
+  json["healthy"] = diagnosis.count(Health::failed) == 0;
+  json["checks"] = Json::array();
+  for (const Finding &row : diagnosis.findings) {
+    json["checks"].push_back({{"check", row.check},
+                              {"state", to_text(row.health)},
+                              {"finding", row.finding},
+                              {"remedy", text_or_null(row.remedy)}});
+  }
+  json["not_made"] = diagnosis.not_made;
   write(json);
 }
 
@@ -298,6 +317,7 @@ const Printers json_printers{
     .counters = counters,
     .explanation = explanation,
     .system = system,
+    .diagnosis = diagnosis,
     .supervisor = supervisor,
     .request = request,
     .query = query,

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Tables and lines for people.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 
 #include "printers.h"
+#include "progress.h"
 #include "text_columns.h"
 #include "text_table.h"
 
@@ -38,9 +41,20 @@ void list(const std::vector<Row> &rows) {
     for (size_t i = 0; i < columns.size(); ++i) cells[i] = columns[i].text(row);
     return cells;
   };
+  std::vector<Style> styles(columns.size(), Style::plain);
+  const auto styles_of = [&](const Row &row) -> const std::vector<Style> & {
+    for (size_t i = 0; i < columns.size(); ++i) {
+      if (columns[i].style != nullptr) styles[i] = columns[i].style(row);
+    }
+    return styles;
+  };
   for (const Row &row : rows) layout.measure(cells_of(row));
   std::fputs(layout.titles().c_str(), stdout);
-  for (const Row &row : rows) std::fputs(layout.line(cells_of(row)).c_str(), stdout);
+  Progress progress(rows.size());
+  for (const Row &row : rows) {
+    std::fputs(layout.line(cells_of(row), styles_of(row)).c_str(), stdout);
+    progress.step();
+  }
   std::fflush(stdout);
 }
 
@@ -87,8 +101,9 @@ void mbufs(const rsw::PoolReport &report) {
 void system(const SystemState &state) {
   write_fields({
       {"run directory", state.run_directory},
-      {"ipd", state.ipd_runs ? fmt::format("running, process {}", state.ipd_pid)
-                             : fmt::format("not running, last was process {}", state.ipd_pid)},
+      {"ipd", state.ipd_runs
+                  ? fmt::format("{}, process {}", painted(Style::good, "running"), state.ipd_pid)
+                  : fmt::format("{}, last was process {}", painted(Style::bad, "not running"), state.ipd_pid)},
       {"supervisor", supervisor_text(state.supervisor)},
       {"uuid", fmt::format("0x{:08x}", state.uuid)},
       {"instance", number_text(state.instance)},
@@ -98,6 +113,28 @@ void system(const SystemState &state) {
       {"interfaces", number_text(state.interfaces)},
       {"addresses", number_text(state.addresses)},
   });
+}
+
+// The remedy stands under its finding: side by side, they would be wider than a terminal.
+void diagnosis(const Diagnosis &diagnosis) {
+  TableLayout layout({{"CHECK"}, {"STATE"}, {"FINDING"}});
+  constexpr std::array<Health, 3> healths{Health::ok, Health::warning, Health::failed};
+  const auto cells_of = [](const Finding &row) {
+    return std::array{row.check, std::string(to_text(row.health)), row.finding};
+  };
+  for (const Finding &row : diagnosis.findings) layout.measure(cells_of(row));
+  std::string text = layout.titles();
+  for (const Finding &row : diagnosis.findings) {
+    text += layout.line(cells_of(row), std::array{Style::plain, style_of(row.health)});
+    if (!row.remedy.empty()) text += layout.line(std::array{std::string(), std::string(), "remedy: " + row.remedy});
+  }
+  for (const Health health : healths) {
+    text += fmt::format("{}{} {}", health == Health::ok ? "\n" : ", ", diagnosis.count(health), to_text(health));
+  }
+  if (!diagnosis.not_made.empty()) {
+    text += fmt::format("; after what failed, not made: {}", fmt::join(diagnosis.not_made, ", "));
+  }
+  write(text + "\n");
 }
 
 void supervisor(uint32_t state) {
@@ -143,7 +180,8 @@ void query(const QueryResult &result) {
 void query_list() {
   std::string text;
   for (const QueryGroup &group : query_groups()) {
-    text += fmt::format("{}{}:\n", text.empty() ? "" : "\n", group.title);
+    text += text.empty() ? "" : "\n";
+    text += painted(Style::heading, group.title) + ":\n";
     TextTable table({{"NAME"}, {"ARGUMENTS"}, {"ANSWERS"}});
     for (const Query &row : group.queries) {
       std::string arguments;
@@ -168,7 +206,7 @@ struct EventText {
   }
   std::string operator()(const InterfaceRow &row) const {
     return fmt::format("interface  {} (iod {}), context {}, {}, mtu {}, {}, {} secondary, {} virtual, {}", row.name,
-                       row.iod, or_dash(row.context), state_text(row), row.mtu,
+                       row.iod, or_dash(row.context), painted(state_style(row), state_text(row)), row.mtu,
                        row.primary == 0 ? "no address" : prefix_text(row.primary, row.primary_mask_len),
                        row.secondary_count, row.virtual_count, flags_text(row));
   }
@@ -247,6 +285,7 @@ const Printers table_printers{
     .counters = counters,
     .explanation = explanation,
     .system = system,
+    .diagnosis = diagnosis,
     .supervisor = supervisor,
     .request = request,
     .query = query,

@@ -9,6 +9,7 @@
 
 #include "captured_row.h"
 #include "control_state.h"
+#include "doctor.h"
 #include "exit_code.h"
 #include "explain.h"
 #include "mbuf/pool.h"
@@ -43,6 +44,7 @@ struct Printers {
   void (*counters)(const std::vector<CounterRow> &rows, const std::optional<LoadShare> &share);
   void (*explanation)(const Explanation &explanation);
   void (*system)(const SystemState &state);
+  void (*diagnosis)(const Diagnosis &diagnosis);
   void (*supervisor)(uint32_t state);  // after it was set
   void (*request)(const RequestRow &row);
   void (*query)(const QueryResult &result);

@@ -355,12 +355,12 @@ void add_requests(CommandTree *tree) {
   command->footer(held_footer("a membership", "ipsh leave",
                               "ipsh join 239.1.1.1 --interface eth0\n"
                               "  ipsh join 232.1.1.1 --interface eth0 --source 192.0.2.1 --for 60"));
-  tree->runs[command] = join;
+  tree->add_leaf(command, join, {"request"});
 
   command = tree->app.add_subcommand("leave", "end the memberships that ipsh join holds");
   add_group(tree, command);
   command->footer(examples("ipsh leave 239.1.1.1 --interface eth0"));
-  tree->runs[command] = leave;
+  tree->add_leaf(command, leave, {"request"});
 
   command = tree->app.add_subcommand("configure", "put an address on an interface");
   command->add_option("address", tree->options.prefix, "the address and its mask length, such as 10.0.0.1/24")
@@ -370,7 +370,7 @@ void add_requests(CommandTree *tree) {
   command->footer(
       examples("ipsh configure 10.0.0.1/24 --interface eth0\n"
                "  ipsh configure 10.0.0.1/24 --interface eth0 --timeout 3 --json"));
-  tree->runs[command] = configure;
+  tree->add_leaf(command, configure, {"request"});
 
   CLI::App *pair = add_pair(tree, "unnumbered", "let an interface borrow another one's address",
                             "ipsh unnumbered set --interface tun0 --from lo");
@@ -381,12 +381,12 @@ void add_requests(CommandTree *tree) {
   add_hold(tree, command);
   command->footer(
       held_footer("a loan", "ipsh unnumbered unset", "ipsh unnumbered set --interface tun0 --from lo --for 60"));
-  tree->runs[command] = unnumbered_set;
+  tree->add_leaf(command, unnumbered_set, {"request"});
   command = pair->add_subcommand("unset", "end a loan, whoever asked ipd for it");
   add_interface(tree, command);
   add_timeout(tree, command, "wait so many seconds for ipd to do it (else 10)");
   command->footer(examples("ipsh unnumbered unset --interface tun0"));
-  tree->runs[command] = unnumbered_unset;
+  tree->add_leaf(command, unnumbered_unset, {"request"});
 
   pair = add_pair(tree, "multicast", "receive all multicast packets on an interface",
                   "ipsh multicast on --interface eth0");
@@ -394,11 +394,11 @@ void add_requests(CommandTree *tree) {
   add_interface(tree, command);
   add_hold(tree, command);
   command->footer(held_footer("this", "ipsh multicast off", "ipsh multicast on --interface eth0"));
-  tree->runs[command] = multicast_on;
+  tree->add_leaf(command, multicast_on, {"request"});
   command = pair->add_subcommand("off", "end what ipsh multicast on holds");
   add_interface(tree, command);
   command->footer(examples("ipsh multicast off --interface eth0"));
-  tree->runs[command] = multicast_off;
+  tree->add_leaf(command, multicast_off, {"request"});
 }
 
 }  // namespace ipsh

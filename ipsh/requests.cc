@@ -22,6 +22,7 @@
 #include "ip_show.h"
 #include "mts.h"
 #include "mts/mts_server.h"
+#include "progress.h"
 #include "show_commands.h"
 #include "sm/segment.h"
 #include "snapshot.h"
@@ -187,12 +188,20 @@ std::optional<bool> Client::was_refused() const {
 bool Client::wait_until(const std::function<bool()> &holds, uint32_t seconds) const {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds slice(200);  // a database that was replaced has no generation to wait for
-  const Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);
+  constexpr std::chrono::seconds unsaid(1);
+  const Clock::time_point begin = Clock::now();
+  const Clock::time_point end = begin + std::chrono::seconds(seconds);
+  bool said = false;
   for (;;) {
     const uint32_t generation = __atomic_load_n(&attachment_->database()->generation, __ATOMIC_ACQUIRE);
     // Acquire: what this generation published is seen by the question.
     if (holds()) return true;
-    if (Clock::now() >= end) return false;
+    const Clock::time_point now = Clock::now();
+    if (now >= end) return false;
+    if (!said && now - begin >= unsaid) {
+      say_what_is_waited_for("ipd to do it");
+      said = true;
+    }
     rsw::wait_for_generation(attachment_->database(), generation, static_cast<int>(slice.count()));
   }
 }

@@ -200,43 +200,45 @@ struct Listing {
   const char *name;
   const char *what;
   unsigned selectors;  // the options that it takes
+  const char *kind;    // of its JSON
   const char *examples;
   ExitCode (*run)(const Options &, const Printers &, Failure *);
 };
 
 constexpr std::array<Listing, 15> listings{{
-    {"contexts", "routing contexts (VRFs): id, name, route table, router id", 0, "ipsh show contexts", show_contexts},
-    {"interfaces", "interfaces: state, MTU, primary address, flags", by_context | by_interface,
+    {"contexts", "routing contexts (VRFs): id, name, route table, router id", 0, "contexts", "ipsh show contexts",
+     show_contexts},
+    {"interfaces", "interfaces: state, MTU, primary address, flags", by_context | by_interface, "interfaces",
      "ipsh show interfaces\n  ipsh show interfaces --context red --json", show_interfaces},
-    {"addresses", "local addresses: primary, secondary and virtual", by_context | by_interface,
+    {"addresses", "local addresses: primary, secondary and virtual", by_context | by_interface, "addresses",
      "ipsh show addresses --interface eth0\n  ipsh show addresses --json | jq -r '.addresses[].address'",
      show_addresses},
-    {"routes", "the route tables: prefix, kind, who made it, next hops", by_context | by_interface | by_route,
+    {"routes", "the route tables: prefix, kind, who made it, next hops", by_context | by_interface | by_route, "routes",
      "ipsh show routes --context default\n  ipsh show routes --table 100 --limit 20\n"
      "  ipsh show routes --view multicast --json | jq -c '.routes[]'",
      show_routes},
-    {"vips", "virtual addresses, and whether they are active here", by_context | by_interface,
+    {"vips", "virtual addresses, and whether they are active here", by_context | by_interface, "vips",
      "ipsh show vips\n  ipsh show vips --json | jq -r '.vips[] | select(.active) | .address'", show_vips},
-    {"groups", "multicast groups that are joined on the interfaces", by_context | by_interface,
+    {"groups", "multicast groups that are joined on the interfaces", by_context | by_interface, "groups",
      "ipsh show groups --interface eth0", show_groups},
     {"router-id", "router ids of the contexts, and the interfaces that they were taken from", by_context | by_interface,
-     "ipsh show router-id --context red", show_router_ids},
+     "router-ids", "ipsh show router-id --context red", show_router_ids},
     {"counters", "multicast counters and PIM asserts of the interfaces, and the load-sharing setting",
-     by_context | by_interface, "ipsh show counters --interface eth0", show_counters},
-    {"memory", "memory in use, by process and type", 0, "ipsh show memory", show_memory},
-    {"clients", "processes that read the shared database or use ipd's control service", 0,
+     by_context | by_interface, "counters", "ipsh show counters --interface eth0", show_counters},
+    {"memory", "memory in use, by process and type", 0, "memory", "ipsh show memory", show_memory},
+    {"clients", "processes that read the shared database or use ipd's control service", 0, "clients",
      "ipsh show clients\n  ipsh show clients --json | jq -r '.clients[].registrations[]?.name'", show_clients},
-    {"messages", "messages to ipd's control service: done and refused, by kind", 0,
+    {"messages", "messages to ipd's control service: done and refused, by kind", 0, "messages",
      "ipsh show messages\n  ipsh show messages --json | jq '.messages[] | select(.name == \"register\")'",
      show_messages},
-    {"packets", "packets from and to clients: done and refused, by kind of message", 0,
+    {"packets", "packets from and to clients: done and refused, by kind of message", 0, "packets",
      "ipsh show packets\n  ipsh show packets --json | jq '.packets[] | select(.name == \"output\") | .refused'",
      show_packets},
-    {"queues", "message queues of all processes: what waits in them, what came and went", 0,
+    {"queues", "message queues of all processes: what waits in them, what came and went", 0, "queues",
      "ipsh show queues\n  ipsh show queues --json | jq '.queues[] | select(.sap == 263)'", show_queues},
-    {"mbufs", "packet buffers that processes share: in use, cached and free, and whose they are", 0,
+    {"mbufs", "packet buffers that processes share: in use, cached and free, and whose they are", 0, "mbufs",
      "ipsh show mbufs\n  ipsh show mbufs --json | jq .in_use", show_mbufs},
-    {"system", "ipd, the supervisor state and the shared database", 0, "ipsh show system", show_system},
+    {"system", "ipd, the supervisor state and the shared database", 0, "system", "ipsh show system", show_system},
 }};
 
 }  // namespace
@@ -258,7 +260,7 @@ void add_show(CommandTree *tree) {
     add(by_route, "--view", &tree->options.view, "unicast (else) or multicast", "<view>");
     add(by_route, "--limit", &tree->options.limit, "so many routes at most", "<number>");
     command->footer(examples(listing.examples));
-    tree->runs[command] = listing.run;
+    tree->add_leaf(command, listing.run, {listing.kind});
   }
 }
 

@@ -83,6 +83,12 @@ std::string state_text(const InterfaceRow &row) {
   return row.up ? "up" : "down";
 }
 
+// That somebody switched an interface off is no fault.
+Style state_style(const InterfaceRow &row) {
+  if (!row.admin_up) return Style::plain;
+  return row.up ? Style::good : Style::bad;
+}
+
 std::string flags_text(const InterfaceRow &row) {
   std::string text;
   const auto add = [&](bool on, const std::string &flag) {
@@ -115,7 +121,7 @@ std::span<const TextColumn<InterfaceRow>> text_columns() {
       {"NAME", left, [](const InterfaceRow &row) { return or_dash(row.name); }},
       {"IFINDEX", right, [](const InterfaceRow &row) { return number_text(row.ifindex); }},
       {"CONTEXT", left, [](const InterfaceRow &row) { return or_dash(row.context); }},
-      {"STATE", left, state_text},
+      {"STATE", left, state_text, state_style},
       {"MTU", right, [](const InterfaceRow &row) { return number_text(row.mtu); }},
       {"PRIMARY", left,
        [](const InterfaceRow &row) { return row.primary == 0 ? "-" : prefix_text(row.primary, row.primary_mask_len); }},

@@ -24,6 +24,7 @@ struct TextColumn {
   std::string_view title;
   Align align;
   std::string (*text)(const Row &row);  // "-" where there is nothing to say, so that columns can be cut by scripts too
+  Style (*style)(const Row &row) = nullptr;  // null: plain
 };
 
 // One specialisation for each type of row.
@@ -64,6 +65,7 @@ std::span<const TextColumn<CounterRow>> text_columns();
 [[nodiscard]] std::string address_or_dash(uint32_t addr);
 [[nodiscard]] std::string prefix_text(uint32_t addr, uint8_t mask_len);
 [[nodiscard]] std::string state_text(const InterfaceRow &row);
+[[nodiscard]] Style state_style(const InterfaceRow &row);
 [[nodiscard]] std::string flags_text(const InterfaceRow &row);
 
 }  // namespace ipsh

@@ -25,20 +25,29 @@ void TableLayout::measure(std::span<const std::string> cells) {
 std::string TableLayout::titles() const {
   std::vector<std::string> cells;
   for (const Column &column : columns_) cells.emplace_back(column.title);
-  return line(cells);
+  std::string text = line(cells);
+  text.pop_back();
+  return painted(Style::heading, text) + '\n';
 }
 
-std::string TableLayout::line(std::span<const std::string> cells) const {
+std::string TableLayout::line(std::span<const std::string> cells, std::span<const Style> styles) const {
   std::string line;
+  size_t blanks = 0;  // that are due before the next cell
   for (size_t i = 0; i < columns_.size(); ++i) {
-    if (i != 0) line += "  ";
+    if (i != 0) blanks += 2;
     const size_t padding = widths_[i] - std::min(widths_[i], cells[i].size());
-    if (columns_[i].align == Align::right) line.append(padding, ' ');
-    line += cells[i];
-    if (columns_[i].align == Align::left) line.append(padding, ' ');
+    if (columns_[i].align == Align::right) blanks += padding;
+    std::string cell = cells[i];
+    std::ranges::replace_if(cell, is_control, '?');
+    const size_t letters = cell.find_last_not_of(' ') + 1;
+    if (letters != 0) {
+      line.append(blanks, ' ') += painted(i < styles.size() ? styles[i] : Style::plain, cell.substr(0, letters));
+      blanks = cell.size() - letters;
+    } else {
+      blanks += cell.size();
+    }
+    if (columns_[i].align == Align::left) blanks += padding;
   }
-  std::ranges::replace_if(line, is_control, '?');
-  line.erase(line.find_last_not_of(' ') + 1);
   line += '\n';
   return line;
 }

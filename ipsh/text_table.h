@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "style.h"
+
 namespace ipsh {
 
 enum class Align { left, right };
@@ -24,9 +26,9 @@ class TableLayout {
   explicit TableLayout(std::vector<Column> columns);
   // As many cells as there are columns.
   void measure(std::span<const std::string> cells);
-  // Ends with a newline, which no blank stands before.
+  // Ends with a newline, which no blank stands before. A cell without a style is plain.
   [[nodiscard]] std::string titles() const;
-  [[nodiscard]] std::string line(std::span<const std::string> cells) const;
+  [[nodiscard]] std::string line(std::span<const std::string> cells, std::span<const Style> styles = {}) const;
 
  private:
   std::vector<Column> columns_;

@@ -78,22 +78,30 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         Refusal{"",
                 "ipsh: ipsh: a command is missing; give one of show, query, explain, watch, join, leave, configure, "
-                "unnumbered, multicast, capture, ping, system"},
+                "unnumbered, multicast, capture, ping, system, doctor"},
         Refusal{"shwo",
-                "ipsh: ipsh: there is no 'shwo'; give one of show, query, explain, watch, join, leave, configure, "
-                "unnumbered, multicast, capture, ping, system"},
+                "ipsh: ipsh: there is no 'shwo'; did you mean 'show'? give one of show, query, explain, watch, join, "
+                "leave, configure, "
+                "unnumbered, multicast, capture, ping, system, doctor"},
         Refusal{"show",
                 "ipsh: ipsh show: a command is missing; give one of contexts, interfaces, addresses, routes, vips, "
                 "groups, router-id, counters, memory, clients, messages, packets, queues, mbufs, system"},
         Refusal{"show adresses",
-                "ipsh: ipsh show: there is no 'adresses'; give one of contexts, interfaces, addresses, routes, "
+                "ipsh: ipsh show: there is no 'adresses'; did you mean 'addresses'? give one of contexts, interfaces, "
+                "addresses, routes, "
                 "vips, groups, router-id, counters, memory, clients, messages, packets, queues, mbufs, system"},
         Refusal{"show contexts memory",
                 "ipsh: ipsh show contexts: 'memory' is not accepted here; see ipsh show contexts --help"},
         Refusal{"show contexts --jsn",
-                "ipsh: ipsh show contexts: '--jsn' is not accepted here; see ipsh show contexts --help"},
+                "ipsh: ipsh show contexts: '--jsn' is not accepted here; did you mean '--json'? see ipsh show contexts "
+                "--help"},
         Refusal{"query", "ipsh: query: the name of a query is missing; ipsh query --list shows them"},
         Refusal{"query ip_nothing", "ipsh: ipsh query: there is no 'ip_nothing'; see ipsh query --list"},
+        Refusal{"query ip_get_mt",
+                "ipsh: ipsh query: there is no 'ip_get_mt'; did you mean 'ip_get_mtu'? see ipsh query --list"},
+        Refusal{"show routes --veiw=unicast",
+                "ipsh: ipsh show routes: '--veiw=unicast' is not accepted here; did you mean '--view'? see ipsh show "
+                "routes --help"},
         Refusal{"query ip_bits2mask", "ipsh: ip_bits2mask needs --len; give a mask length: 0 to 32"},
         Refusal{"query ip_bits2mask --len 33", "ipsh: --len: '33' is not accepted here; give a mask length: 0 to 32"},
         Refusal{"query ip_bits2mask --len -1", "ipsh: --len: '-1' is not accepted here; give a mask length: 0 to 32"},

@@ -26,7 +26,8 @@ std::string completions(const std::vector<std::string> &words) {
 }
 
 TEST_F(IpshWithoutIpd, CompletionOffersTheCommandsOfALevel) {
-  EXPECT_EQ(completions({""}), "capture configure explain join leave multicast ping query show system unnumbered watch ");
+  EXPECT_EQ(completions({""}),
+            "capture configure doctor explain join leave multicast ping query show system unnumbered watch ");
   EXPECT_EQ(completions({"s"}), "show system ");
   EXPECT_EQ(completions({"show", ""}),
             "addresses clients contexts counters groups interfaces mbufs memory messages packets queues router-id "
@@ -42,14 +43,16 @@ TEST_F(IpshWithoutIpd, CompletionOffersQueriesByName) {
 }
 
 TEST_F(IpshWithoutIpd, CompletionOffersEachOptionOnce) {
-  EXPECT_EQ(completions({"query", "ip_get_local_mask_len", "--"}), "--addr --help --iod --json --run-dir ");
+  EXPECT_EQ(completions({"query", "ip_get_local_mask_len", "--"}), "--addr --color --help --iod --json --run-dir ");
   EXPECT_EQ(completions({"query", "ip_get_local_mask_len", "--addr", "10.0.0.1", "--json", "--"}),
-            "--help --iod --run-dir ");
-  EXPECT_EQ(completions({"watch", "--c"}), "--count ");
-  EXPECT_EQ(completions({"join", "239.1.1.1", "--"}), "--for --help --interface --json --run-dir --source --timeout ");
+            "--color --help --iod --run-dir ");
+  EXPECT_EQ(completions({"watch", "--c"}), "--color --count ");
+  EXPECT_EQ(completions({"watch", "--color", ""}), "always auto never ");
+  EXPECT_EQ(completions({"join", "239.1.1.1", "--"}),
+            "--color --for --help --interface --json --run-dir --source --timeout ");
   EXPECT_EQ(completions({"show", "routes", "--view", ""}), "multicast unicast ");
   EXPECT_EQ(completions({"show", "routes", "--"}),
-            "--context --help --interface --json --limit --run-dir --table --view ");
+            "--color --context --help --interface --json --limit --run-dir --table --view ");
 }
 
 TEST_F(IpshWithSystem, CompletionOffersTheNamesOfTheRunningSystem) {

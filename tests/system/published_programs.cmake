@@ -24,9 +24,9 @@ if(LIBIP_PROGRAMS)
     IPSH_PYTHON="/usr/bin/python3")
   add_dependencies(ipsh_fixture ipd ipsh)
   libip_test(ipsh_test
-    SOURCES ipsh_command_line_test.cc ipsh_completion_test.cc ipsh_explain_test.cc ipsh_interface_query_test.cc
+    SOURCES ipsh_command_line_test.cc ipsh_commands_test.cc ipsh_completion_test.cc ipsh_explain_test.cc ipsh_interface_query_test.cc
             ipsh_ipd_test.cc ipsh_query_list_test.cc ipsh_query_test.cc ipsh_route_test.cc ipsh_schema_test.cc
-            ipsh_show_test.cc ipsh_statistics_test.cc ipsh_watch_test.cc
+            ipsh_show_test.cc ipsh_statistics_test.cc ipsh_terminal_test.cc ipsh_watch_test.cc
     LIBRARIES ipsh_fixture)
   libip_test(ipsh_request_test SOURCES ipsh_request_test.cc LIBRARIES ipsh_fixture)
 endif()
