@@ -45,6 +45,7 @@ namespace {
 constexpr auto tick_period = std::chrono::milliseconds(250);
 constexpr auto simulation_period = std::chrono::milliseconds(1);
 constexpr auto retry_period = std::chrono::seconds(5);
+constexpr auto serving_retry_period = std::chrono::seconds(1);
 constexpr auto patience_for_routes = std::chrono::seconds(20);
 constexpr uint64_t commit_each_below = 16;  // simulated changes in one round
 
@@ -198,28 +199,40 @@ void IpProcess::go_live() {
   if (options_.once) loop_->stop();
 }
 
-// Without it, the database is served all the same.
+// Without it, the database is served all the same. What a queue lacked, as a descriptor, may be there later: so it is
+// tried again, and each new reason is said.
 void IpProcess::serve_clients() {
+  next_serving_ = Clock::now() + serving_retry_period;
   std::string reason;
-  control_ = ControlSap::open(*loop_, configuration_, &reason);
-  if (control_ == nullptr) return log_line(LOG_ERR, "no requests are served: %s", reason.c_str());
-  if (!state_) return;  // simulated interfaces take no requests
-  handlers_ = std::make_unique<ControlHandlers>(*state_, *publisher_, picture_, control_->transport(), [this] {
-    share_load();
-    return publisher_->commit();
-  });
-  handlers_->add_to(control_->service());
-  serve_packets();
+  if (control_ == nullptr) {
+    control_ = ControlSap::open(*loop_, configuration_, &reason);
+    if (control_ == nullptr) return say_unserved("no requests are served: " + reason);
+    if (!unserved_.empty()) log_line(LOG_NOTICE, "requests are served now");
+    if (!state_) return;  // simulated interfaces take no requests
+    handlers_ = std::make_unique<ControlHandlers>(*state_, *publisher_, picture_, control_->transport(), [this] {
+      share_load();
+      return publisher_->commit();
+    });
+    handlers_->add_to(control_->service());
+  }
+  if (state_ && packets_ == nullptr) serve_packets();
 }
 
 // Nor do requests need it.
 void IpProcess::serve_packets() {
   std::string reason;
   packets_ = PacketSap::open(*loop_, configuration_, has_pool_, &reason);
-  if (packets_ == nullptr) return log_line(LOG_ERR, "no packets are taken: %s", reason.c_str());
+  if (packets_ == nullptr) return say_unserved("no packets are taken: " + reason);
   packet_handlers_ =
       std::make_unique<PacketHandlers>(*state_, *publisher_, picture_, *loop_, *control_, *handlers_, *packets_);
   packet_handlers_->configure(configuration_);
+  if (!unserved_.empty()) log_line(LOG_NOTICE, "packets are taken now");
+  unserved_.clear();
+}
+
+void IpProcess::say_unserved(const std::string &what) {
+  if (what != unserved_) log_line(LOG_ERR, "%s", what.c_str());
+  unserved_ = what;
 }
 
 void IpProcess::publish_changes() {
@@ -228,6 +241,8 @@ void IpProcess::publish_changes() {
   if (!is_published_) share_load();
   if (!state_->update(picture_, picture_.take_changes())) next_retry_ = Clock::now() + retry_period;
   publisher_->tick(Clock::now());
+  // Without its segments' names nobody can attach: it is tried again with the next tick, and we are not live before.
+  if (!is_published_ && !publisher_->commit()) return;
   if (!is_published_) published_at_ = Clock::now();
   is_published_ = true;
   publish_routes();
@@ -369,6 +384,7 @@ void IpProcess::tick() {
   if (routes_ != nullptr) routes_->tick(now);
   if (kernel_ != nullptr) publish_routes();
   publisher_->tick(now);
+  if (is_live_ && !options_.once && now >= next_serving_) serve_clients();
   if (control_ != nullptr) control_->tick();
   if (packets_ != nullptr) packets_->tick();
   if (packet_handlers_ != nullptr) packet_handlers_->tick();

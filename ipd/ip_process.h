@@ -60,6 +60,7 @@ class IpProcess {
   void go_live();
   void serve_clients();
   void serve_packets();
+  void say_unserved(const std::string &what);
   void reload();
   void tick();
   void report_losses();
@@ -94,6 +95,8 @@ class IpProcess {
   int status_ = exit_clean;
   Clock::time_point started_{};
   Clock::time_point next_retry_{};
+  Clock::time_point next_serving_{};
+  std::string unserved_;  // what was last said to be missing for clients; empty: nothing is
   Clock::time_point load_began_{};
   uint64_t changes_made_ = 0;
   uint64_t overruns_reported_ = 0;

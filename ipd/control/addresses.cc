@@ -151,7 +151,7 @@ int Addresses::reply(const Sender &sender, const Answer &answer) {
 bool Addresses::answer_now(const Sender &sender, const Answer &answer) {
   const int error = reply(sender, answer);
   if (error == 0) return true;
-  if (error != EAGAIN || busy(sender.pid)) return false;
+  if (!is_shortage(error) || busy(sender.pid)) return false;
   Wait wait;
   wait.sender = sender;
   wait.wants_reply = true;
@@ -172,7 +172,7 @@ std::optional<Addresses::Answer> Addresses::outcome(const Wait &wait) const {
 void Addresses::settle() {
   for (auto wait = waiting_.begin(); wait != waiting_.end();) {
     wait->answer = outcome(*wait);
-    const bool ends = wait->answer && (!wait->wants_reply || reply(wait->sender, *wait->answer) != EAGAIN);
+    const bool ends = wait->answer && (!wait->wants_reply || !is_shortage(reply(wait->sender, *wait->answer)));
     wait = ends ? waiting_.erase(wait) : std::next(wait);
   }
 }

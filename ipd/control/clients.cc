@@ -49,7 +49,10 @@ int Clients::reply(const Request &request, bool accepted) {
   ip_msg_register_reply message{};
   std::memcpy(&message, &header, offsetof(ip_msg_register_reply, result));
   message.result = accepted ? 1 : 0;
-  return transport_.send(request.sender, IP_OPCODE_CLIENT, std::as_bytes(std::span(&message, 1)));
+  const int error = transport_.send(request.sender, IP_OPCODE_CLIENT, std::as_bytes(std::span(&message, 1)));
+  // A client waits for this reply without end.
+  if (is_shortage(error)) transport_.hang_up(request);
+  return error;
 }
 
 Refusal Clients::handle(const Request &request) {

@@ -41,6 +41,11 @@ std::unique_ptr<MtsTransport> MtsTransport::open(uint32_t *queue, uint32_t sap, 
     return nullptr;
   }
   std::unique_ptr<MtsTransport> made(new MtsTransport(queue));
+  // The library opened it and did not look whether that worked; once more does no harm.
+  if (mts_recv_q_unblock(*queue) != 0) {
+    *reason = "SAP " + std::to_string(sap) + " cannot be listened on: " + strerror(errno);
+    return nullptr;
+  }
   rsw::mts_set_patience(*queue, 0);
   rsw::mts_watch_peers(*queue, true);
   return made;
@@ -102,6 +107,10 @@ int MtsTransport::send(const Sender &to, uint32_t opcode, std::span<const std::b
 int MtsTransport::answer(const Request &request, std::span<const std::byte> message) {
   return error_of(
       rsw::mts_reply(queue_, request.reference, request.opcode, message.data(), static_cast<uint32_t>(message.size())));
+}
+
+void MtsTransport::hang_up(const Request &request) {
+  rsw::mts_hang_up(queue_, request.reference);
 }
 
 int MtsTransport::reject(const Request &request) {

@@ -39,6 +39,7 @@ class MtsTransport final : public Transport {
   int send(const Sender &to, uint32_t opcode, std::span<const std::byte> message, std::span<const std::byte> packet);
   int answer(const Request &request, std::span<const std::byte> message) override;
   int reject(const Request &request) override;
+  void hang_up(const Request &request) override;
 
  private:
   explicit MtsTransport(uint32_t *queue) : queue_(*queue) {}

@@ -330,4 +330,20 @@ TEST_F(WatchedClientsTest, AllOfADeadProcessGo) {
   EXPECT_EQ(told, (Told{{1, false}, {2, false}}));
 }
 
+TEST_F(ControlClientsTest, WhoCannotBeRepliedToForWantOfSomethingIsHungUpOn) {
+  for (const int shortage : {EMFILE, ENOMEM, EAGAIN}) {
+    system.transport.error = shortage;
+    system.transport.hang_ups = 0;
+    system.receive(one, registration("ospf"));
+    EXPECT_EQ(system.transport.hang_ups, 1) << shortage << ": it waits for the reply without end";
+    EXPECT_TRUE(all().empty());
+  }
+}
+
+TEST_F(ControlClientsTest, WhoIsGoneIsNotHungUpOn) {
+  system.transport.error = ECONNREFUSED;
+  system.receive(one, registration("ospf"));
+  EXPECT_EQ(system.transport.hang_ups, 0);
+}
+
 }  // namespace

@@ -59,6 +59,9 @@ class RecordingTransport final : public Transport {
     return error;
   }
 
+  void hang_up(const Request &) override { ++hang_ups; }
+
+  int hang_ups = 0;
   int error = 0;  // of every call
   std::vector<Sent> sent;
   std::vector<Bytes> answers;

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 
+#include "mts/mts_server.h"
 #include "platform/mts_raw_sender.h"
 #include "platform/mts_rig.h"
 #include "support/process.h"
@@ -55,6 +56,25 @@ TEST_F(MtsFaults, AWaitForAnythingEndsOnceWithWhoWasSentTo) {
   Process killer([pid = server.pid()] { return kill(pid, SIGKILL); });
   EXPECT_EQ(receive(client, 0).error, ECONNRESET);
   EXPECT_EQ(receive(client, 1).error, ETIMEDOUT);
+}
+
+TEST_F(MtsFaults, AHangUpEndsTheWaitOfWhoSentTheMessageAndOfNobodyElse) {
+  const Queue server(263);
+  const Queue client;
+  const Queue other;
+  ASSERT_EQ(send(client, 263, 1, "register"), 0);
+  ASSERT_EQ(send(other, 263, 1, "register"), 0);
+  mts_msg_ref_t msg = nullptr;
+  ASSERT_EQ(mts_recv_now(server, &msg), 0);
+  EXPECT_EQ(rsw::mts_hang_up(other, msg), -1) << "it was not received there";
+  EXPECT_EQ(errno, EINVAL);
+  ASSERT_EQ(rsw::mts_hang_up(server, msg), 0);
+  EXPECT_EQ(mts_drop(server, msg), 0);
+  EXPECT_EQ(receive(client, 0).error, ECONNRESET);
+  EXPECT_EQ(receive(other, 1).error, ETIMEDOUT);
+  ASSERT_EQ(send(client, 263, 1, "again"), 0);
+  EXPECT_EQ(receive(server).text, "register");
+  EXPECT_EQ(receive(server).text, "again");
 }
 
 TEST_F(MtsFaults, WhatADeadServerSaidIsReceivedBeforeItsDeathIsTold) {

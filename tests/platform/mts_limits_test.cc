@@ -13,6 +13,7 @@
 #include <fstream>
 #include <memory>
 #include <set>
+#include <thread>
 #include <vector>
 
 #include "platform/mts_rig.h"
@@ -75,6 +76,20 @@ TEST_F(MtsLimits, ASenderWaitsWhileItsReceiverHasNoDescriptor) {
     }
   }
   EXPECT_EQ(receive(server).text, "hello");
+}
+
+// Nobody hangs up, and nobody else sends: it has to look by itself.
+TEST_F(MtsLimits, AReceiverThatWaitsFindsTheDescriptorThatIsFreedMeanwhile) {
+  const Queue server(263);
+  const Queue client;
+  ASSERT_EQ(send(client, 263, 1, "hello"), 0);
+  auto none = std::make_unique<FewDescriptors>(0);
+  std::thread frees([&] {
+    EXPECT_TRUE(test_support::wait_until([&] { return !readable(server); }));
+    none.reset();
+  });
+  EXPECT_EQ(receive(server, 60).text, "hello");
+  frees.join();
 }
 
 TEST_F(MtsLimits, WhoIsThereIsServedWhileOthersWaitForADescriptor) {

@@ -19,6 +19,7 @@ using mts::Arrived;
 struct Copy {  // of what may be used once the table's mutex is given back
   bool claim = false;
   uint32_t queue = 0;
+  uint32_t of = 0;  // the queue that received it
   Arrived::What what = Arrived::What::message;
   bool answered = false;
   uint32_t token = 0;
@@ -29,6 +30,7 @@ struct Copy {  // of what may be used once the table's mutex is given back
 
 void take_copy(Arrived &held, void *context) {
   auto *copy = static_cast<Copy *>(context);
+  copy->of = held.queue;
   copy->what = held.what;
   copy->answered = held.answered;
   copy->token = held.token;
@@ -106,6 +108,15 @@ int32_t mts_reply(uint32_t queue, mts_msg_ref_t request, uint32_t opcode, const 
 
 int32_t mts_reject(uint32_t queue, mts_msg_ref_t request) {
   return result_of(answer(queue, request, {.kind = mts::Kind::reject}));
+}
+
+int32_t mts_hang_up(uint32_t queue, mts_msg_ref_t msg) {
+  const std::shared_ptr<mts::Queue> own = mts::queue_of(queue);
+  if (own == nullptr) return -1;
+  Copy copy;
+  if (!mts::look_at(msg, take_copy, &copy) || copy.connection == nullptr || copy.of != queue) return result_of(EINVAL);
+  own->hang_up(copy.connection);
+  return 0;
 }
 
 int32_t mts_watch_peers(uint32_t queue, bool on) {

@@ -47,6 +47,11 @@ RSW_EXPORT int32_t mts_reply(uint32_t queue, mts_msg_ref_t request, uint32_t opc
                              uint32_t size);
 RSW_EXPORT int32_t mts_reject(uint32_t queue, mts_msg_ref_t request);
 
+// Ends the connection that a message came by: whoever waits there for an answer that cannot be given learns so, as if
+// we were gone, and may ask again. Threads: any. Blocks: no. Results: 0. Negative: no such queue, or no message that
+// was received there (EINVAL).
+RSW_EXPORT int32_t mts_hang_up(uint32_t queue, mts_msg_ref_t msg);
+
 // Asks to be told when somebody who sent to the queue unbinds or dies: then, behind the last message of that sender, a
 // message without payload comes, of which mts_is_gone says true and mts_sender who it was. One comes per connection: a
 // sender that was refused for a malformed message and connected again is told of twice.

@@ -54,7 +54,8 @@ int Queue::unblock() {
   if (is_closed_) return EBADF;
   if (listening_) return 0;
   if (listen(bound_.socket.get(), 4096) != 0) return errno;
-  if (!watch(bound_.socket.get(), id_of_listener, EPOLLIN)) return errno;
+  // Senders connect from now on, whether we hear of it or not: so it is not given up.
+  accept_paused_ = !watch(bound_.socket.get(), id_of_listener, EPOLLIN);
   listening_ = true;
   return 0;
 }
@@ -119,11 +120,17 @@ void Queue::end(const std::shared_ptr<Connection> &connection) {
   } else if (connection->sent) {
     peer_lost_ = true;
   }
-  if (accept_paused_) {
-    accept_paused_ = false;
-    watch(bound_.socket.get(), id_of_listener, EPOLLIN);
-  }
+  accept_again();
   settle_ready();
+}
+
+void Queue::accept_again() {
+  if (accept_paused_) accept_paused_ = !watch(bound_.socket.get(), id_of_listener, EPOLLIN);
+}
+
+void Queue::hang_up(const std::shared_ptr<Connection> &connection) {
+  const std::lock_guard guard(mutex_);
+  if (!is_closed_) end(connection);
 }
 
 void Queue::settle_ready() {

@@ -64,6 +64,7 @@ class Queue {
   int send(uint32_t sap, const OutMessage &message);
   int send_request(uint32_t sap, OutMessage message, uint32_t *token);
   int respond(const std::shared_ptr<Connection> &connection, const OutMessage &message);
+  void hang_up(const std::shared_ptr<Connection> &connection);
   int receive(const Wait &wait, std::unique_ptr<Arrived> *arrived);
   int receive_response(uint32_t token, const Wait &wait, std::unique_ptr<Arrived> *arrived);
   int set_options(uint32_t opcode, uint32_t value);
@@ -104,6 +105,7 @@ class Queue {
   int transmit(const Connection &connection, const OutMessage &message, Patience *patience);  // without it
   bool watch(int fd, uint64_t id, uint32_t events);
   void end(const std::shared_ptr<Connection> &connection);
+  void accept_again();
   void accept_all();
   void drain(const std::shared_ptr<Connection> &connection);
   bool take_datagram(const std::shared_ptr<Connection> &connection, size_t length);

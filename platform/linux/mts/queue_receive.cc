@@ -16,6 +16,8 @@ namespace {
 
 // Datagrams of one connection in a row, before the others have their turn.
 constexpr int most_in_a_row = 64;
+// While connections cannot be accepted, for want of a descriptor as a rule.
+constexpr int look_again_ms = 100;
 
 int milliseconds_left(const Wait &wait) {
   if (wait.forever) return -1;
@@ -49,7 +51,7 @@ void Queue::accept_all() {
     if (accepted.get() < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
       // No descriptor is left: the listener would be readable for ever. It is looked at again when a connection ends,
-      // or at the next receive.
+      // at the next receive, and now and then while one waits.
       if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
         accept_paused_ = true;
         epoll_ctl(events_.get(), EPOLL_CTL_DEL, bound_.socket.get(), nullptr);
@@ -225,12 +227,9 @@ void Queue::pump(bool everything) {
 
 int Queue::receive(const Wait &wait, std::unique_ptr<Arrived> *arrived) {
   std::unique_lock lock(mutex_);
-  if (accept_paused_ && !is_closed_) {
-    accept_paused_ = false;
-    watch(bound_.socket.get(), id_of_listener, EPOLLIN);
-  }
   while (true) {
     if (is_closed_) return EBADF;
+    accept_again();
     if (items_.empty() || has_priorities()) pump(has_priorities());
     // A first look may only have accepted connections: what they bring is there already.
     if (items_.empty()) pump(false);
@@ -242,7 +241,8 @@ int Queue::receive(const Wait &wait, std::unique_ptr<Arrived> *arrived) {
       return ECONNRESET;
     }
     if (time_is_up(wait)) return ETIMEDOUT;
-    const int milliseconds = milliseconds_left(wait);
+    int milliseconds = milliseconds_left(wait);
+    if (accept_paused_ && (milliseconds < 0 || milliseconds > look_again_ms)) milliseconds = look_again_ms;
     const int events = events_.get();
     lock.unlock();
     pollfd something{events, POLLIN, 0};

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+// A program one call of which fails; see failing_calls.c.
+#ifndef TESTS_FAULTS_FAULT_RUN_H
+#define TESTS_FAULTS_FAULT_RUN_H
+
+#include <string>
+#include <vector>
+
+#include "support/process.h"
+
+namespace faults {
+
+struct Fault {
+  const char *call;
+  int error;
+};
+
+void PrintTo(const Fault &fault, std::ostream *out);
+std::string name_of(const Fault &fault);
+
+class FaultRun {
+ public:
+  // The call with number `at`, from 1 on, of the program fails.
+  FaultRun(const Fault &fault, unsigned at, const std::vector<std::string> &command, const std::string &directory);
+  test_support::Process &process() { return process_; }
+  // It has failed; else the program made fewer of these calls, so far.
+  [[nodiscard]] bool happened() const;
+
+ private:
+  std::string said_;
+  test_support::Process process_;
+};
+
+}  // namespace faults
+
+#endif
