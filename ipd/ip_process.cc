@@ -26,13 +26,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <numeric>
 
 #include "ip_api.h"
 #include "ipd/kernel/load_share.h"
 #include "ipd/process/descriptors.h"
 #include "ipd/process/log.h"
+#include "ipd/process/remedy.h"
 #include "ipd/process/service.h"
 #include "mbuf/pool.h"
 #include "mtrack/mtrack_writer.h"
@@ -69,7 +72,7 @@ IpProcess::~IpProcess() {
 }
 
 int IpProcess::fail(const std::string &reason) {
-  log_line(LOG_ERR, "%s", reason.c_str());
+  log_line(LOG_ERR, "%s", with_remedy(reason).c_str());
   return exit_failed;
 }
 
@@ -80,15 +83,19 @@ int IpProcess::prepare() {
   RunLock::Failure failure = RunLock::Failure::none;
   lock_ = RunLock::take(rsw::run_directory(), &failure, &reason);
   if (lock_ == nullptr) {
-    fail(reason);
-    return failure == RunLock::Failure::taken ? exit_running : exit_failed;
+    if (failure != RunLock::Failure::taken) return fail(reason);
+    fail(reason + "; stop that one, or give this one a run directory of its own (--run-dir)");
+    return exit_running;
   }
+  const std::string risk = run_directory_risk(rsw::run_directory());
+  if (!risk.empty()) log_line(LOG_WARNING, "%s", risk.c_str());
   if (!rsw::sysmgr_open_for_writing(&reason)) return fail(reason);
   // Counters are for people to look at: without their segment everything else works.
-  if (!rsw::mtrack_open_for_writing(&reason)) log_line(LOG_WARNING, "%s", reason.c_str());
+  if (!rsw::mtrack_open_for_writing(&reason))
+    log_line(LOG_WARNING, "memory is not counted: %s", with_remedy(reason).c_str());
   // Likewise packets that travel by reference: without the pool they travel as bytes.
   has_pool_ = rsw::mbuf_open_for_writing(&reason);
-  if (!has_pool_) log_line(LOG_WARNING, "%s", reason.c_str());
+  if (!has_pool_) log_line(LOG_WARNING, "packets travel as bytes: %s", with_remedy(reason).c_str());
   ids_.emplace(rsw::run_directory() + "/ipd.contexts");
   ids_->load();
   epochs_ = rsw::Epochs::open(&reason);
@@ -96,7 +103,7 @@ int IpProcess::prepare() {
   publisher_ = Publisher::open(*epochs_, &reason);
   if (publisher_ == nullptr) return fail(reason);
   routes_ = RouteFeed::open(*epochs_, &reason);
-  if (routes_ == nullptr) log_line(LOG_ERR, "no routes are served: %s", reason.c_str());
+  if (routes_ == nullptr) log_line(LOG_ERR, "no routes are served: %s", with_remedy(reason).c_str());
   loop_->on_signal([this](int number) {
     if (number == SIGHUP) return reload();
     log_line(LOG_NOTICE, "stopping");
@@ -183,8 +190,10 @@ int IpProcess::open_simulation() {
 void IpProcess::go_live() {
   is_live_ = true;
   ip_is_server_flag = 1;
+  errno = 0;
   if (ip_shm_api_init() == nullptr) {
-    status_ = fail("the published segment cannot be attached");
+    const std::string error = errno != 0 ? std::string(": ") + strerror(errno) : "";
+    status_ = fail("the published segment cannot be attached" + error);
     return loop_->stop();
   }
   attached_ = true;
@@ -242,10 +251,17 @@ void IpProcess::publish_changes() {
   if (!state_->update(picture_, picture_.take_changes())) next_retry_ = Clock::now() + retry_period;
   publisher_->tick(Clock::now());
   // Without its segments' names nobody can attach: it is tried again with the next tick, and we are not live before.
-  if (!is_published_ && !publisher_->commit()) return;
+  if (!is_published_ && !publisher_->commit()) return say_unpublished();
   if (!is_published_) published_at_ = Clock::now();
   is_published_ = true;
   publish_routes();
+}
+
+// Once for each reason.
+void IpProcess::say_unpublished() {
+  if (unpublished_ == publisher_->last_error()) return;
+  unpublished_ = publisher_->last_error();
+  log_line(LOG_ERR, "nothing is published yet: %s", with_remedy(unpublished_).c_str());
 }
 
 void IpProcess::publish_routes() {

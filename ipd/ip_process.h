@@ -61,6 +61,7 @@ class IpProcess {
   void serve_clients();
   void serve_packets();
   void say_unserved(const std::string &what);
+  void say_unpublished();
   void reload();
   void tick();
   void report_losses();
@@ -96,6 +97,7 @@ class IpProcess {
   Clock::time_point started_{};
   Clock::time_point next_retry_{};
   Clock::time_point next_serving_{};
+  std::string unpublished_;  // why the first commit failed last
   std::string unserved_;  // what was last said to be missing for clients; empty: nothing is
   Clock::time_point load_began_{};
   uint64_t changes_made_ = 0;

@@ -11,6 +11,8 @@
 #include "ipd/ip_process.h"
 #include "ipd/options.h"
 #include "ipd/process/log.h"
+#include "ipd/process/out_of_memory.h"
+#include "ipd/process/remedy.h"
 #include "ipd/process/run_lock.h"
 #include "ipd/process/service.h"
 #include "sm/run_dir.h"
@@ -43,7 +45,7 @@ int remove_segment() {
   std::string reason;
   const auto lock = ipd::RunLock::take(rsw::run_directory(), &failure, &reason);
   if (lock == nullptr) {
-    log_line(LOG_ERR, "%s", reason.c_str());
+    log_line(LOG_ERR, "%s", ipd::with_remedy(reason).c_str());
     return failure == ipd::RunLock::Failure::taken ? ipd::exit_running : ipd::exit_failed;
   }
   ip_remove_shm();
@@ -69,6 +71,11 @@ int run_as_daemon(const ipd::Options &options, const ipd::Configuration &configu
   const int status = process.run();
   if (daemon.started()) daemon.failed(status);
   return status;
+}
+
+// Before objects that are made before main(), the command line's for instance: they ask for memory, too.
+[[gnu::constructor(101)]] void begin() {
+  ipd::end_when_out_of_memory(ipd::exit_failed);
 }
 
 }  // namespace

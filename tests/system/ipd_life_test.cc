@@ -109,7 +109,8 @@ TEST_F(IpdLifeTest, ASecondOneOnTheSameRunDirectoryIsRefusedByName) {
   for (const char *way : {"--foreground", "--once"}) {
     EXPECT_EQ(finished({way}, &output), 3);
     EXPECT_EQ(output,
-              "ipd: another ipd (process " + std::to_string(ipd_.pid()) + ") runs on " + run_directory_.path() + "\n");
+              "ipd: another ipd (process " + std::to_string(ipd_.pid()) + ") runs on " + run_directory_.path() +
+                  "; stop that one, or give this one a run directory of its own (--run-dir)\n");
   }
   EXPECT_EQ(finished({}, &output), 3) << "as a daemon too";
   EXPECT_EQ(finished({"--remove"}, &output), 3);

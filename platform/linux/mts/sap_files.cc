@@ -40,9 +40,21 @@ sockaddr_un address_of(int directory, uint32_t sap) {
   return address;
 }
 
+constexpr mode_t mode_while_made = 0700;
+
+// Its maker ended before it had its mode, and its owner may finish it.
+bool is_half_made(int parent, const char *name) {
+  struct stat found {};
+  if (fstatat(parent, name, &found, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(found.st_mode)) return false;
+  return (found.st_mode & 07777) == mode_while_made && (geteuid() == 0 || geteuid() == found.st_uid);
+}
+
 // Makes a directory with the mode whatever the umask is, for the owner of its parent.
 int make_directory(int parent, const char *name, mode_t mode) {
-  if (mkdirat(parent, name, 0700) != 0) return errno == EEXIST ? 0 : errno;
+  if (mkdirat(parent, name, mode_while_made) != 0) {
+    if (errno != EEXIST) return errno;
+    if (!is_half_made(parent, name)) return 0;
+  }
   struct stat above {};
   if (fstat(parent, &above) == 0 && geteuid() == 0 && above.st_uid != 0) {
     if (fchownat(parent, name, above.st_uid, above.st_gid, AT_SYMLINK_NOFOLLOW) != 0) return errno;

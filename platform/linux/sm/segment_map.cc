@@ -378,6 +378,10 @@ std::shared_ptr<SegmentMap> SegmentMap::create(const SegmentLayout &layout, std:
   }
   Descriptor file(open_existing(path, true));
   const int open_error = errno;
+  if (file.get() < 0 && open_error == EISDIR) {  // no name can be put in its place
+    refuse(reason, EISDIR, path + ": " + strerror(EISDIR));
+    return nullptr;
+  }
   std::string damage;
   if (file.get() < 0) {
     damage = path + ": " + strerror(open_error);
