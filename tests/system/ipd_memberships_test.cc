@@ -144,6 +144,7 @@ TEST_F(IpdMembershipsTest, AnInterfaceThatIsMadeAnewHasTheMembershipsOfItsName) 
   ip("link del va");
   ASSERT_TRUE(wait_until([&] { return lcache_im_get_extension1(before, IP_COMPONENT) == nullptr; }));
   ASSERT_EQ(client.ip_leave_group(stream, before), 1u) << "under the iod that was";
+  ASSERT_EQ(client.ip_register(), 1u) << "its reply says that what was asked for before is done";
   ip("link add va type veth peer name vb");
   ip("link set va up");
   GroupUsers expected = all;
