@@ -68,6 +68,8 @@ MtsTransport::Reading MtsTransport::read(size_t most, const std::function<void(c
       if (errno == EAGAIN) return Reading::empty;
       // The other one: somebody to whom we sent something is gone.
       if (errno == EINTR || errno == ECONNRESET) continue;
+      // Of memory: what has come is still there, and read as soon as there is some.
+      if (errno == ENOMEM || errno == ENOBUFS) return Reading::empty;
       *reason = std::string("messages cannot be received: ") + strerror(errno);
       return Reading::broken;
     }

@@ -4,7 +4,8 @@
  *   FAIL_CALL=recvmsg FAIL_AT=3 FAIL_ERRNO=4 FAIL_SAID=/path LD_PRELOAD=... program
  *
  * The third recvmsg of the program, of whichever library of it, does nothing and fails with EINTR; the file then has a
- * byte. What a function answers without errno it answers here, too. malloc, calloc, realloc are calls like others. */
+ * byte. With FAIL_EVER=1 all later ones fail as well. What a function answers without errno it answers here, too.
+ * malloc, calloc, realloc are one call. */
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -26,6 +27,7 @@
 static const char *failing_call; /* null: none, or it has failed */
 static long calls_left;
 static int error_wanted;
+static int for_ever;
 static const char *said;
 
 static void read_environment(void) {
@@ -38,6 +40,7 @@ static void read_environment(void) {
   if (at == NULL || error == NULL) return;
   calls_left = strtol(at, NULL, 10);
   error_wanted = (int)strtol(error, NULL, 10);
+  for_ever = getenv("FAIL_EVER") != NULL;
   failing_call = getenv("FAIL_CALL");
 }
 
@@ -45,7 +48,11 @@ static void read_environment(void) {
 static int fails(const char *name) {
   read_environment();
   if (failing_call == NULL || strcmp(failing_call, name) != 0 || --calls_left > 0) return 0;
-  failing_call = NULL;
+  if (!for_ever) failing_call = NULL;
+  if (calls_left < 0) {
+    errno = error_wanted;
+    return 1;
+  }
   if (said != NULL) {
     const long fd = syscall(SYS_openat, AT_FDCWD, said, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     (void)!syscall(SYS_write, fd, "1", 1);

@@ -19,7 +19,7 @@ void PrintTo(const Fault &fault, std::ostream *out) {
 }
 
 FaultRun::FaultRun(const Fault &fault, unsigned at, const std::vector<std::string> &command,
-                   const std::string &directory)
+                   const std::string &directory, bool ever)
     : said_(directory + "/failed") {
   unlink(said_.c_str());
   std::vector<std::string> words{"/usr/bin/env"};
@@ -31,6 +31,7 @@ FaultRun::FaultRun(const Fault &fault, unsigned at, const std::vector<std::strin
   set("FAIL_AT", std::to_string(at));
   set("FAIL_ERRNO", std::to_string(fault.error));
   set("FAIL_SAID", said_);
+  if (ever) set("FAIL_EVER", "1");
   words.insert(words.end(), command.begin(), command.end());
   process_ = test_support::Process(words);
 }

@@ -20,8 +20,9 @@ std::string name_of(const Fault &fault);
 
 class FaultRun {
  public:
-  // The call with number `at`, from 1 on, of the program fails.
-  FaultRun(const Fault &fault, unsigned at, const std::vector<std::string> &command, const std::string &directory);
+  // The call with number `at`, from 1 on, of the program fails; `ever`: and all after it.
+  FaultRun(const Fault &fault, unsigned at, const std::vector<std::string> &command, const std::string &directory,
+           bool ever = false);
   test_support::Process &process() { return process_; }
   // It has failed; else the program made fewer of these calls, so far.
   [[nodiscard]] bool happened() const;

@@ -111,7 +111,11 @@ bool Queue::take_datagram(const std::shared_ptr<Connection> &connection, size_t 
     if (item->payload == nullptr) return false;
     memcpy(item->payload.get(), datagram_.get() + sizeof header, header.size);
   }
-  append(std::move(item));
+  try {
+    append(std::move(item));
+  } catch (const std::bad_alloc &) {
+    return false;  // who sent it hears of it by the connection's end
+  }
   return true;
 }
 
@@ -143,8 +147,9 @@ void Queue::drain(const std::shared_ptr<Connection> &connection) {
 }
 
 void Queue::append(std::unique_ptr<Arrived> item) {
-  item_bytes_ += item->size;
+  const size_t size = item->size;
   items_.push_back(std::move(item));
+  item_bytes_ += size;
   if (record_ == nullptr) return;
   // Relaxed, here and below: figures to look at.
   __atomic_store_n(&record_->waiting, static_cast<uint32_t>(items_.size()), __ATOMIC_RELAXED);

@@ -294,27 +294,43 @@ std::shared_ptr<Mapping> enter(const SegmentLayout &layout, const std::string &p
     return nullptr;
   }
   if (!reserve_windows(reason)) return nullptr;
+  Window &entry = table().windows[layout.base];  // whatever fails for lack of memory fails before there is a mapping
   void *const window = reinterpret_cast<void *>(static_cast<uintptr_t>(layout.base));
   const int protection = writable ? PROT_READ | PROT_WRITE : PROT_READ;
   if (mmap(window, layout.size, protection, MAP_SHARED | MAP_FIXED, file.get(), 0) != window) {
     refuse(reason, errno, path + ": cannot map it: " + strerror(errno));
     return nullptr;
   }
-  auto mapping = std::make_shared<Mapping>(layout, path, file.release(), identity, writable);
-  table().windows[layout.base] = {mapping.get(), mapping};
+  std::shared_ptr<Mapping> mapping;
+  try {
+    mapping = std::make_shared<Mapping>(layout, path, file.get(), identity, writable);
+  } catch (const std::bad_alloc &) {
+    restore_reservation(layout.base, layout.size);
+    throw;
+  }
+  (void)file.release();
+  entry = {mapping.get(), mapping};
   return mapping;
 }
 
 // The writer's own reference: when it goes the process is no longer the writer, though readers in it may go on.
-std::shared_ptr<SegmentMap> writing(std::shared_ptr<Mapping> mapping) {
-  SegmentMap *const map = mapping.get();
-  return {map, [mapping = std::move(mapping)](SegmentMap *) mutable {
-            {
-              const std::lock_guard guard(table().mutex);
-              mapping->end_writing();
-            }
-            mapping.reset();
-          }};
+class WriterReference {
+ public:
+  explicit WriterReference(std::shared_ptr<Mapping> mapping) : mapping_(std::move(mapping)) {}
+  ~WriterReference() {
+    const std::lock_guard guard(table().mutex);
+    mapping_->end_writing();
+  }
+  WriterReference(const WriterReference &) = delete;
+  WriterReference &operator=(const WriterReference &) = delete;
+
+ private:
+  std::shared_ptr<Mapping> mapping_;  // goes after the mutex is free
+};
+
+// The mutex is held. A deleter would be called, and lock it, if there were no memory for the reference.
+std::shared_ptr<SegmentMap> writing(const std::shared_ptr<Mapping> &mapping) {
+  return {std::make_shared<WriterReference>(mapping), mapping.get()};
 }
 
 std::shared_ptr<SegmentMap> take_over(const std::shared_ptr<Mapping> &mapping) {
