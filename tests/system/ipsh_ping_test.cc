@@ -2,13 +2,13 @@
 // Pings to another system, through a real ipd: sent and received in namespaces of the test's own.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "ipd_fixture.h"
 #include "ipsh_fixture.h"
+#include "ipsh_schema_problems.h"
 #include "support/peer_namespace.h"
 
 namespace {
@@ -29,17 +29,6 @@ std::vector<json> objects_of(const std::string &lines) {
     if (line.starts_with('{')) objects.push_back(json::parse(line));
   }
   return objects;
-}
-
-std::string problems(const std::string &directory, const std::string &lines) {
-  const std::string file = directory + "/checked.json";
-  std::ofstream(file) << lines;
-  std::string output;
-  const int status = test_support::run(
-      {"/bin/sh", "-c", "exec " IPSH_PYTHON " -W ignore " IPSH_SCHEMA_CHECK " " IPSH_SCHEMA_DIRECTORY " <\"$1\"", "sh",
-       file},
-      &output);
-  return status == 0 ? "" : output + "(status " + std::to_string(status) + ")";
 }
 
 class IpshPing : public ipd_test::IpdTest {
@@ -71,7 +60,7 @@ TEST_F(IpshPing, RepliesComeBackAndAreAddedUp) {
   EXPECT_EQ(objects[3]["sent"], 3);
   EXPECT_EQ(objects[3]["answered"], 3);
   EXPECT_GT(objects[3]["least_milliseconds"], 0);
-  EXPECT_EQ(problems(run_directory_.path(), outcome.out), "");
+  EXPECT_EQ(ipsh_test::schema_problems(run_directory_.path(), outcome.out), "");
 }
 
 TEST_F(IpshPing, TheInterfaceMayBeNamedAndTheLargestFits) {
@@ -99,7 +88,7 @@ TEST_F(IpshPing, NoRouteIsSaidAtOnce) {
   ASSERT_EQ(objects.size(), 2u) << outcome.out;
   EXPECT_EQ(objects[0]["event"], "not-sent");
   EXPECT_EQ(objects[0]["outcome"], "no-route");
-  EXPECT_EQ(problems(run_directory_.path(), outcome.out), "");
+  EXPECT_EQ(ipsh_test::schema_problems(run_directory_.path(), outcome.out), "");
 }
 
 TEST_F(IpshPing, ACaptureSeesEchoesAndReplies) {
@@ -118,7 +107,7 @@ TEST_F(IpshPing, ACaptureSeesEchoesAndReplies) {
   EXPECT_EQ(objects[0]["client"], objects[1]["client"]);
   std::string lines;
   for (const json &object : objects) lines += object.dump() + "\n";
-  EXPECT_EQ(problems(run_directory_.path(), lines + ipsh({"show", "packets", "--json"}).out), "");
+  EXPECT_EQ(ipsh_test::schema_problems(run_directory_.path(), lines + ipsh({"show", "packets", "--json"}).out), "");
 }
 
 }  // namespace

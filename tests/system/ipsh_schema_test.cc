@@ -3,31 +3,18 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <fstream>
 
 #include "control_peer.h"
 #include "ip_api.h"
 #include "ipsh_fixture.h"
+#include "ipsh_schema_problems.h"
 #include "mbuf.h"
 #include "mbuf/pool.h"
 #include "support/process.h"
 
 namespace ipsh_test {
 namespace {
-
-// What the checker says of these lines; empty: all valid.
-std::string problems(const std::string &directory, const std::string &lines) {
-  const std::string file = directory + "/checked.json";
-  std::ofstream(file) << lines;
-  std::string output;
-  const int status = test_support::run(
-      {"/bin/sh", "-c", "exec " IPSH_PYTHON " -W ignore " IPSH_SCHEMA_CHECK " " IPSH_SCHEMA_DIRECTORY " <\"$1\"", "sh",
-       file},
-      &output);
-  std::remove(file.c_str());
-  return status == 0 ? "" : output + "(status " + std::to_string(status) + ")";
-}
 
 TEST_F(IpshWithSystem, EveryListingAndAnswerIsValid) {
   std::string printed;
@@ -44,7 +31,7 @@ TEST_F(IpshWithSystem, EveryListingAndAnswerIsValid) {
     EXPECT_NE(outcome.out, "") << line;
     printed += outcome.out;
   }
-  EXPECT_EQ(problems(run_directory_.path(), printed), "") << printed;
+  EXPECT_EQ(schema_problems(run_directory_.path(), printed), "") << printed;
 }
 
 TEST_F(IpshWithRoutes, EveryListingAndExplanationOfRoutesIsValid) {
@@ -61,7 +48,7 @@ TEST_F(IpshWithRoutes, EveryListingAndExplanationOfRoutesIsValid) {
     EXPECT_NE(outcome.out, "") << line << ": " << outcome.err;
     printed += outcome.out;
   }
-  EXPECT_EQ(problems(run_directory_.path(), printed), "") << printed;
+  EXPECT_EQ(schema_problems(run_directory_.path(), printed), "") << printed;
 }
 
 TEST_F(IpshWithoutIpd, TheListingOfPacketBuffersIsValid) {
@@ -70,13 +57,13 @@ TEST_F(IpshWithoutIpd, TheListingOfPacketBuffersIsValid) {
   struct mbuf *packet = m_gethdr();
   const Outcome outcome = ipsh({"show", "mbufs", "--json"});
   EXPECT_EQ(outcome.exit_code, 0) << outcome.err;
-  EXPECT_EQ(problems(run_directory_.path(), outcome.out), "") << outcome.out;
+  EXPECT_EQ(schema_problems(run_directory_.path(), outcome.out), "") << outcome.out;
   m_freem(packet);
   rsw::mbuf_leave();
 }
 
 TEST_F(IpshWithoutIpd, AFailureIsValid) {
-  EXPECT_EQ(problems(run_directory_.path(), ipsh({"show", "contexts", "--json"}).out), "");
+  EXPECT_EQ(schema_problems(run_directory_.path(), ipsh({"show", "contexts", "--json"}).out), "");
 }
 
 TEST_F(IpshWithSystem, EveryRequestIsValid) {
@@ -95,7 +82,7 @@ TEST_F(IpshWithSystem, EveryRequestIsValid) {
       printed += outcome.out;
     }
   }
-  EXPECT_EQ(problems(run_directory_.path(), printed), "") << printed;
+  EXPECT_EQ(schema_problems(run_directory_.path(), printed), "") << printed;
 }
 
 TEST_F(IpshWithSystem, EventsOfAllKindsAreValid) {
@@ -111,7 +98,7 @@ TEST_F(IpshWithSystem, EventsOfAllKindsAreValid) {
   ASSERT_TRUE(publisher_->remove_context(2));
   ASSERT_TRUE(publisher_->commit());
   EXPECT_EQ(watch.wait(), 0) << watch.output();
-  EXPECT_EQ(problems(run_directory_.path(), watch.output()), "") << watch.output();
+  EXPECT_EQ(schema_problems(run_directory_.path(), watch.output()), "") << watch.output();
 }
 
 TEST_F(IpshWithoutIpd, WhatTheControlServiceShowsIsValid) {
@@ -130,21 +117,22 @@ TEST_F(IpshWithoutIpd, WhatTheControlServiceShowsIsValid) {
     return printed.find("ospf") != std::string::npos;
   })) << printed;
   printed += ipsh({"show", "messages", "--json"}).out;
-  EXPECT_EQ(problems(run_directory_.path(), printed), "") << printed;
+  EXPECT_EQ(schema_problems(run_directory_.path(), printed), "") << printed;
 }
 
 TEST_F(IpshWithoutIpd, TheCheckerRefusesWhatTheSchemasDoNotSay) {
   const std::string directory = run_directory_.path();
-  EXPECT_EQ(problems(directory, R"({"version":1,"kind":"supervisor","supervisor":"active"})"), "");
-  EXPECT_NE(problems(directory, R"({"version":2,"kind":"supervisor","supervisor":"active"})"), "");
-  EXPECT_NE(problems(directory, R"({"version":1,"kind":"supervisor","supervisor":"asleep"})"), "");
-  EXPECT_NE(problems(directory, R"({"version":1,"kind":"supervisor"})"), "");
-  EXPECT_NE(problems(directory, R"({"version":1,"kind":"supervisor","supervisor":"active","more":1})"), "");
-  EXPECT_NE(problems(directory, R"({"version":1,"kind":"contexts","contexts":[{"id":1}]})"), "");
-  EXPECT_NE(problems(directory,
-                     R"({"version":1,"kind":"event","event":"added","object":"ipd","now":{"pid":1},"before":null})"),
-            "");
-  EXPECT_NE(problems(directory, ""), "");
+  EXPECT_EQ(schema_problems(directory, R"({"version":1,"kind":"supervisor","supervisor":"active"})"), "");
+  EXPECT_NE(schema_problems(directory, R"({"version":2,"kind":"supervisor","supervisor":"active"})"), "");
+  EXPECT_NE(schema_problems(directory, R"({"version":1,"kind":"supervisor","supervisor":"asleep"})"), "");
+  EXPECT_NE(schema_problems(directory, R"({"version":1,"kind":"supervisor"})"), "");
+  EXPECT_NE(schema_problems(directory, R"({"version":1,"kind":"supervisor","supervisor":"active","more":1})"), "");
+  EXPECT_NE(schema_problems(directory, R"({"version":1,"kind":"contexts","contexts":[{"id":1}]})"), "");
+  EXPECT_NE(
+      schema_problems(directory,
+                      R"({"version":1,"kind":"event","event":"added","object":"ipd","now":{"pid":1},"before":null})"),
+      "");
+  EXPECT_NE(schema_problems(directory, ""), "");
 }
 
 }  // namespace
