@@ -232,7 +232,8 @@ TEST_F(IpdAddressesTest, AMovedAddressIsOnItsNewInterface) {
     remove("10.1.0.1/24");
     ip("addr add 10.1.0.1/24 dev vb");
     EXPECT_TRUE(wait_until([] { return ip_is_addr_local_intf(default_context, host_order("10.1.0.1")) == iod("vb"); }));
-    EXPECT_EQ(ip_is_addr_local_configured(default_context, host_order("10.1.0.1")), iod("vb"));
+    EXPECT_TRUE(
+        wait_until([] { return ip_is_addr_local_configured(default_context, host_order("10.1.0.1")) == iod("vb"); }));
     ip("addr del 10.1.0.1/24 dev vb");
   }
   EXPECT_TRUE(wait_until([] { return ip_is_addr_local_intf(default_context, host_order("10.1.0.1")) == 0; }));
