@@ -98,7 +98,7 @@ class IpProcess {
   Clock::time_point next_retry_{};
   Clock::time_point next_serving_{};
   std::string unpublished_;  // why the first commit failed last
-  std::string unserved_;  // what was last said to be missing for clients; empty: nothing is
+  std::string unserved_;     // what was last said to be missing for clients; empty: nothing is
   Clock::time_point load_began_{};
   uint64_t changes_made_ = 0;
   uint64_t overruns_reported_ = 0;
