@@ -8,6 +8,7 @@
 #include "ipd/control/clients.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <optional>
 #include <string_view>
@@ -50,8 +51,8 @@ int Clients::reply(const Request &request, bool accepted) {
   std::memcpy(&message, &header, offsetof(ip_msg_register_reply, result));
   message.result = accepted ? 1 : 0;
   const int error = transport_.send(request.sender, IP_OPCODE_CLIENT, std::as_bytes(std::span(&message, 1)));
-  // A client waits for this reply without end.
-  if (is_shortage(error)) transport_.hang_up(request);
+  // A client waits for this reply without end; whoever is gone does not.
+  if (error != 0 && error != ECONNREFUSED && error != ECONNRESET) transport_.hang_up(request);
   return error;
 }
 

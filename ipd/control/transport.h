@@ -14,7 +14,8 @@ namespace ipd::control {
 
 // We lack something that may be there a moment later.
 inline bool is_shortage(int error) {
-  return error == EAGAIN || error == ENOMEM || error == ENOBUFS || error == EMFILE || error == ENFILE;
+  return error == EAGAIN || error == ENOMEM || error == ENOBUFS || error == EMFILE || error == ENFILE ||
+         error == ENOSPC;  // of watches
 }
 
 class Transport {

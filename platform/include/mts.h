@@ -170,7 +170,7 @@ int32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_t opcode, v
 // that is never dropped keeps its memory until the queue is unbound. Results: 0. Negative: nothing arrived. errno
 // EINTR: receive again. ETIMEDOUT: the wait is over; a response that was wanted is not any more, and is lost when it
 // comes. ECONNRESET: the peer died; it is told once, when what it sent before has been received. EINVAL: nobody waits
-// for this token's response. ENOBUFS: 65,535 references are held.
+// for this token's response. ENOBUFS: 65,535 references are held; ENOMEM: nothing is lost by either.
 int32_t mts_recv(uint32_t queue, mts_msg_ref_t *msg, struct mts_recv_opts *opts);
 
 // Receives any message that is there.

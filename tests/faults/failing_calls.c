@@ -4,7 +4,8 @@
  *   FAIL_CALL=recvmsg FAIL_AT=3 FAIL_ERRNO=4 FAIL_SAID=/path LD_PRELOAD=... program
  *
  * The third recvmsg of the program, of whichever library of it, does nothing and fails with EINTR; the file then has a
- * byte. With FAIL_EVER=1 all later ones fail as well. What a function answers without errno it answers here, too.
+ * byte. With FAIL_EVER=1 all later ones fail as well. With FAIL_FROM=accept4 the count begins with the first accept4.
+ * What a function answers without errno it answers here, too.
  * malloc, calloc, realloc are one call. */
 #include <dlfcn.h>
 #include <errno.h>
@@ -29,6 +30,7 @@ static long calls_left;
 static int error_wanted;
 static int for_ever;
 static const char *said;
+static const char *first_call; /* null: they are counted */
 
 static void read_environment(void) {
   static int is_read;
@@ -41,12 +43,17 @@ static void read_environment(void) {
   calls_left = strtol(at, NULL, 10);
   error_wanted = (int)strtol(error, NULL, 10);
   for_ever = getenv("FAIL_EVER") != NULL;
+  first_call = getenv("FAIL_FROM");
   failing_call = getenv("FAIL_CALL");
 }
 
 /* Programs under test have one thread where it matters which call is the n-th. */
 static int fails(const char *name) {
   read_environment();
+  if (first_call != NULL) {
+    if (strcmp(first_call, name) == 0) first_call = NULL;
+    return 0;
+  }
   if (failing_call == NULL || strcmp(failing_call, name) != 0 || --calls_left > 0) return 0;
   if (!for_ever) failing_call = NULL;
   if (calls_left < 0) {

@@ -19,7 +19,7 @@ void PrintTo(const Fault &fault, std::ostream *out) {
 }
 
 FaultRun::FaultRun(const Fault &fault, unsigned at, const std::vector<std::string> &command,
-                   const std::string &directory, bool ever)
+                   const std::string &directory, bool ever, const char *from)
     : said_(directory + "/failed") {
   unlink(said_.c_str());
   std::vector<std::string> words{"/usr/bin/env"};
@@ -32,6 +32,7 @@ FaultRun::FaultRun(const Fault &fault, unsigned at, const std::vector<std::strin
   set("FAIL_ERRNO", std::to_string(fault.error));
   set("FAIL_SAID", said_);
   if (ever) set("FAIL_EVER", "1");
+  if (from != nullptr) set("FAIL_FROM", from);
   words.insert(words.end(), command.begin(), command.end());
   process_ = test_support::Process(words);
 }

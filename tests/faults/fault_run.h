@@ -20,9 +20,10 @@ std::string name_of(const Fault &fault);
 
 class FaultRun {
  public:
-  // The call with number `at`, from 1 on, of the program fails; `ever`: and all after it.
+  // The call with number `at`, from 1 on, of the program fails; `ever`: and all after it. They are counted from the
+  // first call named `from` on; null: from the program's beginning.
   FaultRun(const Fault &fault, unsigned at, const std::vector<std::string> &command, const std::string &directory,
-           bool ever = false);
+           bool ever = false, const char *from = nullptr);
   test_support::Process &process() { return process_; }
   // It has failed; else the program made fewer of these calls, so far.
   [[nodiscard]] bool happened() const;

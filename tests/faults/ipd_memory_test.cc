@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Memory that ipd does not get, once or from some moment on, while it starts: it ends with status 1 and says that it is
-// out of memory, or it goes on and answers are right; and the next one takes over and serves.
+// Memory that ipd does not get, once or from some moment on, while it starts or serves: it ends with status 1 and says
+// that it is out of memory, or it goes on, answers are right and clients are served; and the next one takes over and
+// serves. No client waits for ever.
 #include <errno.h>
 #include <gtest/gtest.h>
 
@@ -21,6 +22,8 @@ using test_support::wait_until;
 constexpr auto patience = std::chrono::seconds(60);
 constexpr faults::Fault no_memory{"malloc", ENOMEM};
 constexpr uint32_t own_address = 0x0a000001;
+enum class Served { yes, no, hangs };
+
 constexpr unsigned first = 2;  // the one before is the C++ runtime's, which keeps it for throwing without memory
 constexpr unsigned most = 100000;
 
@@ -37,13 +40,16 @@ class IpdMemory : public ipd_test::IpdTest {
     const uint32_t by = ip_get_iod_for_local_address("default", own_address);
     return by != 0 && by == iod("ib") && ip_get_iod_for_local_address("default", own_address + 1) == 0;
   }
-  // A registration.
-  static bool serves() {
-    uint32_t queue = ~0u;
-    const bool served =
-        ip_init_mts(&queue, -1) == 1 && ip_register("memory", ~0u, queue, 253, 0, &ip_client, 0, 0) == 1;
-    mts_unbind(queue, 0);
-    return served;
+  // A registration, of a process that can be given up when it hangs.
+  static Served serves() {
+    test_support::Process client([] {
+      uint32_t queue = ~0u;
+      if (ip_init_mts(&queue, -1) == 0) return 2;
+      return ip_register("memory", ~0u, queue, 253, 0, &ip_client, 0, 0) == 1 ? 0 : 1;
+    });
+    const int status = client.wait(patience);
+    if (status == -1) return Served::hangs;
+    return status == 0 ? Served::yes : Served::no;
   }
 
   // What is wrong with an ipd that had no memory; empty: nothing. *ended: it has ended as it is to.
@@ -57,8 +63,22 @@ class IpdMemory : public ipd_test::IpdTest {
       attach();
       if (!attached_) return "it is live and nobody can attach";
       if (!answers()) return "it is live and answers are wrong";
-      if (ipd.running()) return "";
+      const std::string wrong = serve(ipd);
+      if (ipd.running()) return wrong;
     }
+    return look_at_end(ipd, ended);
+  }
+
+  // What is wrong; empty: nothing, or it has ended.
+  static std::string serve(test_support::Process &ipd) {
+    Served served = Served::no;
+    const bool settled = wait_until([&] { return (served = serves()) != Served::no || !ipd.running(); }, patience);
+    if (served == Served::hangs) return "it is live and a client waits for ever";
+    return settled ? "" : "it is live and does not serve";
+  }
+
+  // It ended by itself, with a reason.
+  static std::string look_at_end(test_support::Process &ipd, bool *ended) {
     *ended = true;
     const int status = ipd.wait();
     if (status != 1) return "it ended with " + std::to_string(status);
@@ -96,9 +116,29 @@ class IpdMemory : public ipd_test::IpdTest {
     start_ipd();
     attach();
     EXPECT_TRUE(wait_until([] { return answers(); }, patience)) << ipd_.output();
-    EXPECT_TRUE(serves()) << ipd_.output();
+    EXPECT_EQ(serves(), Served::yes) << ipd_.output();
     ipd_.kill_now();
     detach();
+  }
+
+  // Allocation `at` from the first connection on, while a client lives a whole life. False: that took fewer.
+  bool fail_while_it_serves(unsigned at, bool *ended) {
+    FaultRun run(no_memory, at, ipd_test::ipd_command({"--foreground"}), run_directory_.path(), false, "accept4");
+    test_support::Process &ipd = run.process();
+    *ended = false;
+    EXPECT_TRUE(wait_until([&] { return ipd.output().find("live:") != std::string::npos; }, patience)) << ipd.output();
+    test_support::Process client({FAULT_CLIENT, "239.1.1.1", "10.9.0.1"});
+    EXPECT_TRUE(wait_until([&] { return !client.running() || !ipd.running(); }, patience))
+        << "allocation " << at << ": the client waits for ever: " << client.output() << ipd.output();
+    if (!ipd.running()) {
+      EXPECT_EQ(look_at_end(ipd, ended), "") << "allocation " << at << ": " << ipd.output();
+      start_ipd();
+    }
+    EXPECT_EQ(client.wait(patience), 0) << "allocation " << at << ": " << client.output();
+    const bool happened = run.happened();
+    ipd.kill_now();
+    ipd_.kill_now();
+    return happened;
   }
 
   // At `moments` moments of one from nothing, or of a take-over, spread over all of them.
@@ -140,6 +180,18 @@ TEST_F(IpdMemory, ThatIsMissingOnceFromNothingEndsItWithAReasonOrItServes) {
 
 TEST_F(IpdMemory, ThatIsMissingOnceInATakeOverEndsItWithAReasonOrItServes) {
   walk(400, false, false);
+}
+
+TEST_F(IpdMemory, ThatIsMissingOnceWhileItServesEndsItWithAReasonOrNothing) {
+  unsigned at = 0;
+  unsigned ends = 0;
+  for (bool happened = true; happened && !HasFailure();) {
+    bool ended = false;
+    happened = fail_while_it_serves(++at, &ended);
+    ends += ended ? 1 : 0;
+  }
+  printf("%u allocations failed, of which %u ended ipd\n", at - 1, ends);
+  EXPECT_GT(at, 50u);
 }
 
 TEST_F(IpdMemory, ThatIsMissingFromSomeMomentOnEndsItWithAReason) {

@@ -331,7 +331,7 @@ TEST_F(WatchedClientsTest, AllOfADeadProcessGo) {
 }
 
 TEST_F(ControlClientsTest, WhoCannotBeRepliedToForWantOfSomethingIsHungUpOn) {
-  for (const int shortage : {EMFILE, ENOMEM, EAGAIN}) {
+  for (const int shortage : {EMFILE, ENOMEM, EAGAIN, ENOSPC, EINVAL}) {
     system.transport.error = shortage;
     system.transport.hang_ups = 0;
     system.receive(one, registration("ospf"));

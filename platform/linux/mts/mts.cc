@@ -36,10 +36,11 @@ int32_t on_queue(uint32_t handle, const Call &call) {
 
 int hand_out(Queue &queue, uint32_t handle, std::unique_ptr<Arrived> arrived, mts_msg_ref_t *msg) {
   arrived->queue = handle;
-  const mts_msg_ref_t reference = keep(&arrived);
+  int error = 0;
+  const mts_msg_ref_t reference = keep(&arrived, &error);
   if (reference == nullptr) {
     queue.put_back(std::move(arrived));
-    return ENOBUFS;
+    return error;
   }
   *msg = reference;
   return 0;
@@ -62,10 +63,15 @@ int send_request(Queue &queue, uint32_t handle, uint32_t sap, const OutMessage &
   request->opcode = message.opcode;
   request->sap = sap;
   request->queue = handle;
-  const mts_msg_ref_t reference = keep(&request);
-  if (reference == nullptr) return ENOBUFS;
+  int error = 0;
+  const mts_msg_ref_t reference = keep(&request, &error);
+  if (reference == nullptr) return error;
   uint32_t token = 0;
-  const int error = queue.send_request(sap, message, &token);
+  try {
+    error = queue.send_request(sap, message, &token);
+  } catch (const std::bad_alloc &) {
+    error = ENOMEM;
+  }
   if (error != 0) {
     drop(handle, reference);
     return error;

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <new>
 
 #include "mts/queue_ids.h"
 
@@ -24,7 +25,7 @@ int Queue::bind(int32_t sap, uint32_t module, const char *name, std::shared_ptr<
       !queue->watch(queue->closed_.get(), id_of_closed, EPOLLIN)) {
     return errno;
   }
-  queue->datagram_ = std::make_unique<uint8_t[]>(largest_datagram + 1);
+  queue->make_room();
   if (const int error = bind_sap(sap, &queue->bound_); error != 0) return error;
   int error = 0;
   queue->record_ = map_record(queue->bound_, &error);
@@ -52,7 +53,14 @@ Queue::~Queue() {
 int Queue::unblock() {
   const std::lock_guard guard(mutex_);
   if (is_closed_) return EBADF;
-  if (listening_) return 0;
+  opening_ = true;
+  return open();
+}
+
+// A queue that was to be opened, and could not, is nothing to send from or to wait at: the answers would be refused. So
+// each of these tries again first.
+int Queue::open() {
+  if (!opening_ || listening_) return 0;
   if (listen(bound_.socket.get(), 4096) != 0) return errno;
   // Senders connect from now on, whether we hear of it or not: so it is not given up.
   accept_paused_ = !watch(bound_.socket.get(), id_of_listener, EPOLLIN);
@@ -102,24 +110,24 @@ bool Queue::watch(int fd, uint64_t id, uint32_t events) {
   return epoll_ctl(events_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
+// Without memory nothing has changed yet.
 void Queue::end(const std::shared_ptr<Connection> &connection) {
   if (!connection->alive) return;
+  const bool is_told = connection->from_peer && peers_watched_ && connection->sap != 0;
+  if (is_told) make_room();
   connection->alive = false;
   epoll_ctl(events_.get(), EPOLL_CTL_DEL, connection->socket.get(), nullptr);
   shutdown(connection->socket.get(), SHUT_RDWR);
   std::erase(connections_, connection);
   if (record_ != nullptr) count(&SapRecord::connections, ~0u);
-  if (connection->from_peer) {
-    if (peers_watched_ && connection->sap != 0) {
-      auto gone = std::make_unique<Arrived>();
-      gone->what = Arrived::What::gone;
-      gone->sap = connection->sap;
-      gone->connection = connection;
-      append(std::move(gone));
-    }
-  } else if (connection->sent) {
-    peer_lost_ = true;
+  if (is_told) {
+    Arrived &gone = *spare_.front();
+    gone.what = Arrived::What::gone;
+    gone.sap = connection->sap;
+    gone.connection = connection;
+    append();
   }
+  if (!connection->from_peer && connection->sent) peer_lost_ = true;
   accept_again();
   settle_ready();
 }
@@ -130,7 +138,13 @@ void Queue::accept_again() {
 
 void Queue::hang_up(const std::shared_ptr<Connection> &connection) {
   const std::lock_guard guard(mutex_);
-  if (!is_closed_) end(connection);
+  if (is_closed_) return;
+  try {
+    end(connection);
+  } catch (const std::bad_alloc &) {
+    // The peer learns of it now, and we as of any other end, with the next receive.
+    shutdown(connection->socket.get(), SHUT_RDWR);
+  }
 }
 
 void Queue::settle_ready() {

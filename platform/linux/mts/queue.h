@@ -12,11 +12,13 @@
 // One mutex guards a queue. It is not held in sendmsg, connect, poll or epoll_wait: there, a shared pointer keeps the
 // connection's descriptor from being another file's. A connection that ends is shut down, which wakes who waits on it;
 // it is closed with the last pointer.
+//
+// Nothing is taken from a socket before there is memory for it: a receive that has none says so and loses nothing.
 #ifndef RSW_MTS_QUEUE_H
 #define RSW_MTS_QUEUE_H
 
 #include <atomic>
-#include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -93,6 +95,7 @@ class Queue {
   struct OpcodeOptions {
     uint32_t opcode, value;
   };
+  using Items = std::list<std::unique_ptr<Arrived>>;
 
   Queue() = default;
   // All below: with the mutex held, unless said otherwise.
@@ -104,6 +107,8 @@ class Queue {
                 std::shared_ptr<Connection> *used);
   int transmit(const Connection &connection, const OutMessage &message, Patience *patience);  // without it
   bool watch(int fd, uint64_t id, uint32_t events);
+  int open();
+  void make_room();
   void end(const std::shared_ptr<Connection> &connection);
   void accept_again();
   void accept_all();
@@ -117,8 +122,8 @@ class Queue {
   bool passes_others(const Arrived &item) const;
   std::unique_ptr<Arrived> take_first();
   std::unique_ptr<Arrived> take_response(uint32_t token);
-  std::unique_ptr<Arrived> take_at(std::deque<std::unique_ptr<Arrived>>::iterator place);
-  void append(std::unique_ptr<Arrived> item);
+  std::unique_ptr<Arrived> take_at(Items::iterator place);
+  void append();
   void settle_ready();
   void count(uint32_t SapRecord::*counter, uint32_t by = 1);
 
@@ -130,6 +135,7 @@ class Queue {
   Descriptor ready_;   // readable while something is there that no socket shows
   Descriptor closed_;  // readable once the queue is closed
   bool ready_shown_ = false;
+  bool opening_ = false;  // it is to listen
   bool listening_ = false;
   bool accept_paused_ = false;
   bool is_closed_ = false;
@@ -140,10 +146,12 @@ class Queue {
   uint64_t next_id_ = 16;  // below: the queue's own descriptors
   uint32_t next_token_ = 1;
   std::vector<std::shared_ptr<Connection>> connections_;
+  std::shared_ptr<Connection> accepted_;  // the next one; no socket yet
   std::vector<Request> requests_;
   std::vector<OpcodeOptions> options_;
-  std::deque<std::unique_ptr<Arrived>> items_;
+  Items items_;
   size_t item_bytes_ = 0;
+  Items spare_;  // places for items; once there is room, the first has a message to be filled
   std::unique_ptr<uint8_t[]> datagram_;
 };
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "mts/queue.h"
@@ -14,6 +15,8 @@
 namespace rsw::mts {
 namespace {
 
+// Places that a queue keeps for items to come.
+constexpr size_t most_spare = 64;
 // Datagrams of one connection in a row, before the others have their turn.
 constexpr int most_in_a_row = 64;
 // While connections cannot be accepted, for want of a descriptor as a rule.
@@ -45,10 +48,14 @@ Arrived::What what_of(uint32_t kind) {
 
 }  // namespace
 
+// A peer may have sent already, and wait for nothing but what comes of that: so what a connection takes is there before
+// it is accepted, and one that cannot be watched is read before it is given up.
 void Queue::accept_all() {
   while (true) {
-    Descriptor accepted(accept4(bound_.socket.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (accepted.get() < 0) {
+    if (accepted_ == nullptr) accepted_ = std::make_shared<Connection>(next_id_++, 0, true, Descriptor());
+    if (connections_.size() == connections_.capacity()) connections_.reserve(2 * connections_.size() + 1);
+    Descriptor socket(accept4(bound_.socket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (socket.get() < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
       // No descriptor is left: the listener would be readable for ever. It is looked at again when a connection ends,
       // at the next receive, and now and then while one waits.
@@ -58,12 +65,19 @@ void Queue::accept_all() {
       }
       return;
     }
-    auto connection = std::make_shared<Connection>(next_id_++, 0, true, std::move(accepted));
+    const std::shared_ptr<Connection> connection = std::move(accepted_);
+    connection->socket = std::move(socket);
     connection->credentials = peer_credentials(connection->socket.get());
     connection->connected = true;
-    if (!watch(connection->socket.get(), connection->id, EPOLLIN)) return;
-    connections_.push_back(std::move(connection));
+    connections_.push_back(connection);
     count(&SapRecord::connections);
+    if (watch(connection->socket.get(), connection->id, EPOLLIN)) continue;
+    try {
+      drain(connection);
+    } catch (const std::bad_alloc &) {
+      // What it has is still there: it is read if it can be watched now.
+    }
+    if (connection->alive && !watch(connection->socket.get(), connection->id, EPOLLIN)) end(connection);
   }
 }
 
@@ -79,6 +93,13 @@ bool Queue::answers_request(const Connection &connection, uint32_t token) {
 
 void Queue::forget_request(uint32_t token) {
   std::erase_if(requests_, [token](const Request &request) { return request.token == token; });
+}
+
+// What one message takes. Thrown: nothing is lost, and the rest is there the next time.
+void Queue::make_room() {
+  if (datagram_ == nullptr) datagram_ = std::make_unique<uint8_t[]>(largest_datagram + 1);
+  if (spare_.empty()) spare_.emplace_back();
+  if (spare_.front() == nullptr) spare_.front() = std::make_unique<Arrived>();
 }
 
 // A datagram that is in the buffer. False: it is none of ours, the connection is not to be read any more.
@@ -98,24 +119,23 @@ bool Queue::take_datagram(const std::shared_ptr<Connection> &connection, size_t 
   if (header.sap != connection->sap) return false;
   // A response that nobody waits for any more is not worth keeping.
   if (!connection->from_peer && !answers_request(*connection, header.token)) return true;
-  auto item = std::unique_ptr<Arrived>(new (std::nothrow) Arrived);
-  if (item == nullptr) return false;
-  item->what = what_of(header.kind);
-  item->opcode = header.opcode;
-  item->token = header.token;
-  item->sap = header.sap;
-  item->size = header.size;
-  item->connection = connection;
+  Arrived &item = *spare_.front();
+  item.what = what_of(header.kind);
+  item.opcode = header.opcode;
+  item.token = header.token;
+  item.sap = header.sap;
+  item.size = header.size;
+  item.connection = connection;
   if (header.size > 0) {
-    item->payload.reset(new (std::nothrow) uint8_t[header.size]);
-    if (item->payload == nullptr) return false;
-    memcpy(item->payload.get(), datagram_.get() + sizeof header, header.size);
+    item.payload.reset(new (std::nothrow) uint8_t[header.size]);
+    if (item.payload != nullptr) {
+      memcpy(item.payload.get(), datagram_.get() + sizeof header, header.size);
+    } else {  // the buffer itself goes with it
+      memmove(datagram_.get(), datagram_.get() + sizeof header, header.size);
+      item.payload = std::move(datagram_);
+    }
   }
-  try {
-    append(std::move(item));
-  } catch (const std::bad_alloc &) {
-    return false;  // who sent it hears of it by the connection's end
-  }
+  append();
   return true;
 }
 
@@ -124,6 +144,7 @@ void Queue::drain(const std::shared_ptr<Connection> &connection) {
   bool error_seen = false;
   for (int taken = 0; taken < most_in_a_row && connection->alive;) {
     if (full() && connection->from_peer) return;
+    make_room();
     iovec room{datagram_.get(), largest_datagram + 1};
     msghdr message{};
     message.msg_iov = &room;
@@ -146,10 +167,11 @@ void Queue::drain(const std::shared_ptr<Connection> &connection) {
   }
 }
 
-void Queue::append(std::unique_ptr<Arrived> item) {
-  const size_t size = item->size;
-  items_.push_back(std::move(item));
-  item_bytes_ += size;
+// The first spare one, filled.
+void Queue::append() {
+  item_bytes_ += spare_.front()->size;
+  items_.splice(items_.end(), spare_, spare_.begin());
+  settle_ready();
   if (record_ == nullptr) return;
   // Relaxed, here and below: figures to look at.
   __atomic_store_n(&record_->waiting, static_cast<uint32_t>(items_.size()), __ATOMIC_RELAXED);
@@ -159,9 +181,13 @@ void Queue::append(std::unique_ptr<Arrived> item) {
   }
 }
 
-std::unique_ptr<Arrived> Queue::take_at(std::deque<std::unique_ptr<Arrived>>::iterator place) {
+std::unique_ptr<Arrived> Queue::take_at(Items::iterator place) {
   std::unique_ptr<Arrived> item = std::move(*place);
-  items_.erase(place);
+  if (spare_.size() < most_spare) {
+    spare_.splice(spare_.end(), items_, place);
+  } else {
+    items_.erase(place);
+  }
   item_bytes_ -= item->size;
   // The answer has come: with it, the request is done.
   if (item->what == Arrived::What::response || item->what == Arrived::What::reject) forget_request(item->token);
@@ -175,11 +201,20 @@ std::unique_ptr<Arrived> Queue::take_at(std::deque<std::unique_ptr<Arrived>>::it
 void Queue::put_back(std::unique_ptr<Arrived> arrived) {
   const std::lock_guard guard(mutex_);
   if (is_closed_) return;
-  if (arrived->what == Arrived::What::response || arrived->what == Arrived::What::reject) {
-    requests_.push_back({arrived->token, arrived->connection, true});
+  try {
+    // As a rule there is one: what it stood at.
+    if (spare_.empty()) spare_.emplace_back();
+    if (arrived->what == Arrived::What::response || arrived->what == Arrived::What::reject) {
+      requests_.push_back({arrived->token, arrived->connection, true});
+    }
+  } catch (const std::bad_alloc &) {
+    // It is lost, and whoever waits for what would come of it learns so.
+    shutdown(arrived->connection->socket.get(), SHUT_RDWR);
+    return;
   }
   item_bytes_ += arrived->size;
-  items_.push_front(std::move(arrived));
+  spare_.back() = std::move(arrived);
+  items_.splice(items_.begin(), spare_, std::prev(spare_.end()));
   count(&SapRecord::received, ~0u);
   settle_ready();
 }
@@ -227,13 +262,13 @@ void Queue::pump(bool everything) {
     }
     everything = everything && !full() && items_.size() > before;
   } while (everything && found > 0);
-  settle_ready();
 }
 
 int Queue::receive(const Wait &wait, std::unique_ptr<Arrived> *arrived) {
   std::unique_lock lock(mutex_);
   while (true) {
     if (is_closed_) return EBADF;
+    if (const int error = open(); error != 0) return error;
     accept_again();
     if (items_.empty() || has_priorities()) pump(has_priorities());
     // A first look may only have accepted connections: what they bring is there already.
@@ -266,7 +301,6 @@ int Queue::receive_response(uint32_t token, const Wait &wait, std::unique_ptr<Ar
   while (true) {
     if (is_closed_) return EBADF;
     if (connection->alive) drain(connection);
-    settle_ready();
     *arrived = take_response(token);
     if (*arrived != nullptr) return 0;
     const bool up = time_is_up(wait);

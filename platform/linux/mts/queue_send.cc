@@ -105,6 +105,7 @@ int Queue::send_once(uint32_t sap, const OutMessage &message, Patience *patience
                      std::shared_ptr<Connection> *used) {
   std::unique_lock lock(mutex_);
   if (is_closed_) return EBADF;
+  if (const int error = open(); error != 0) return error;
   std::shared_ptr<Connection> connection;
   if (const int error = connection_to(sap, patience, lock, &connection); error != 0) return error;
   if (message.process >= 0 && connection->credentials.pid != message.process) {
@@ -116,13 +117,13 @@ int Queue::send_once(uint32_t sap, const OutMessage &message, Patience *patience
     }
     return ECONNREFUSED;
   }
-  const bool first_on_it = !connection->sent;
-  connection->sent = true;
   // The response may be there before sendmsg has returned.
   if (message.kind == Kind::request) {
     if (requests_.size() >= most_requests) return ENOBUFS;
     requests_.push_back({message.token, connection, false});
   }
+  const bool first_on_it = !connection->sent;
+  connection->sent = true;
   lock.unlock();
   const int error = transmit(*connection, message, patience);
   if (error == 0) return 0;

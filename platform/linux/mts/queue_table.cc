@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "mts/references.h"
+#include "never_destroyed.h"
 
 namespace rsw::mts {
 namespace {
@@ -32,10 +33,9 @@ struct Table {
 
 constexpr size_t most_queues = 4094;
 
-// Never destroyed: threads may still use queues when static destructors run.
 Table &table() {
-  static Table *const only = new Table;
-  return *only;
+  static NeverDestroyed<Table> only;
+  return only.value;
 }
 
 void before_fork() {

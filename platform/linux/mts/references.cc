@@ -1,9 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "mts/references.h"
 
+#include <errno.h>
+
 #include <mutex>
+#include <new>
 #include <utility>
 #include <vector>
+
+#include "never_destroyed.h"
 
 namespace rsw::mts {
 namespace {
@@ -21,10 +26,9 @@ struct Table {
 
 constexpr size_t most_slots = 65535;
 
-// Never destroyed: threads may still hold messages when static destructors run.
 Table &table() {
-  static Table *const only = new Table;
-  return *only;
+  static NeverDestroyed<Table> only;
+  return only.value;
 }
 
 // Never null: a slot's number is counted from 1.
@@ -40,6 +44,15 @@ Slot *slot_of(Table &all, mts_msg_ref_t reference) {
   return slot.message != nullptr && word >> 16 == slot.uses ? &slot : nullptr;
 }
 
+bool add_slot(Table &all) try {
+  if (all.free.capacity() <= all.slots.size()) all.free.reserve(2 * (all.slots.size() + 1));
+  all.slots.emplace_back();
+  all.free.push_back(static_cast<uint16_t>(all.slots.size() - 1));
+  return true;
+} catch (const std::bad_alloc &) {
+  return false;
+}
+
 std::unique_ptr<Arrived> empty(Table &all, Slot &slot) {
   ++slot.uses;
   // It has room: it was reserved with the slots.
@@ -49,14 +62,16 @@ std::unique_ptr<Arrived> empty(Table &all, Slot &slot) {
 
 }  // namespace
 
-mts_msg_ref_t keep(std::unique_ptr<Arrived> *message) {
+mts_msg_ref_t keep(std::unique_ptr<Arrived> *message, int *error) {
   Table &all = table();
   const std::lock_guard guard(all.mutex);
-  if (all.free.empty()) {
-    if (all.slots.size() >= most_slots) return nullptr;
-    if (all.free.capacity() <= all.slots.size()) all.free.reserve(2 * (all.slots.size() + 1));
-    all.slots.emplace_back();
-    all.free.push_back(static_cast<uint16_t>(all.slots.size() - 1));
+  if (all.free.empty() && all.slots.size() >= most_slots) {
+    *error = ENOBUFS;
+    return nullptr;
+  }
+  if (all.free.empty() && !add_slot(all)) {
+    *error = ENOMEM;
+    return nullptr;
   }
   const size_t number = all.free.back();
   all.free.pop_back();

@@ -28,8 +28,8 @@ struct Arrived {
   uint32_t queue = 0;  // handle
 };
 
-// Takes the message; null when 65,535 are held. On failure `message` stays as it was.
-mts_msg_ref_t keep(std::unique_ptr<Arrived> *message);
+// Takes the message. Null: it stays where it was; *error: ENOBUFS when 65,535 are held, ENOMEM.
+mts_msg_ref_t keep(std::unique_ptr<Arrived> *message, int *error);
 // Frees it. False: no such message, or another queue's.
 bool drop(uint32_t queue, mts_msg_ref_t reference);
 // Frees all of a queue.
