@@ -13,6 +13,7 @@
 #include "im.h"
 #include "im/im_writer.h"
 #include "log/log_writer.h"
+#include "no_memory.h"
 #include "sm/segment_map.h"
 
 namespace rsw {
@@ -42,19 +43,21 @@ const SegmentHeader *im_header() {
 
 uint32_t im_ext_pub_lib_init(uint32_t component, uint32_t, uint32_t) {
   using namespace rsw;
-  const std::lock_guard guard(im::mutex);
-  if (im::references == 0) {
-    std::string reason;
-    im::attached = SegmentMap::attach(segment_im, &reason);
-    if (im::attached == nullptr) {
-      log_line(3, "interface table, component %u: %s", component, reason.c_str());
-      return 1;
+  return unless_without_memory(1u, [component]() -> uint32_t {
+    const std::lock_guard guard(im::mutex);
+    if (im::references == 0) {
+      std::string reason;
+      im::attached = SegmentMap::attach(segment_im, &reason);
+      if (im::attached == nullptr) {
+        log_line(3, "interface table, component %u: %s", component, reason.c_str());
+        return 1;
+      }
+      // Release: the mapping stands before its address does; partner: attached_table.
+      publish_word(im::table_word, im::attached->layout().base + im::table_offset);
     }
-    // Release: the mapping stands before its address does; partner: attached_table.
-    publish_word(im::table_word, im::attached->layout().base + im::table_offset);
-  }
-  ++im::references;
-  return 0;
+    ++im::references;
+    return 0;
+  });
 }
 
 uint32_t im_ext_pub_lib_close(uint32_t, uint32_t) {

@@ -28,6 +28,8 @@
 
 #include "log/log_writer.h"
 #include "mbuf/private_buffers.h"
+#include "never_destroyed.h"
+#include "no_memory.h"
 
 namespace rsw::pool {
 
@@ -50,10 +52,9 @@ struct Attachment {
   std::bitset<threads_with_cache + 1> numbers;  // of threads; 0 is nobody's
 };
 
-// Never destroyed: threads end after static destructors have run.
 Attachment &attachment() {
-  static Attachment *const only = new Attachment;
-  return *only;
+  static NeverDestroyed<Attachment> only;
+  return only.value;
 }
 
 constinit std::atomic<bool> attached{false};
@@ -253,8 +254,9 @@ bool is_attached() {
   return attached.load(std::memory_order_acquire);  // partner: the release in enter()
 }
 
-bool attach() {
-  if (is_attached()) return true;
+namespace {
+
+bool attach_now() {
   Attachment &own = attachment();
   const std::lock_guard guard(own.mutex);
   if (is_attached()) return true;
@@ -268,6 +270,12 @@ bool attach() {
   if (!own.refusal_logged) log_line(LOG_WARNING, "packet buffers are not shared: %s", reason.c_str());
   own.refusal_logged = true;
   return false;
+}
+
+}  // namespace
+
+bool attach() {
+  return is_attached() || unless_without_memory(false, attach_now);
 }
 
 std::shared_ptr<SegmentMap> map_pool(std::string *reason) {

@@ -32,6 +32,7 @@
 #include <syslog.h>
 
 #include "log/log_writer.h"
+#include "no_memory.h"
 
 #ifndef MADV_POPULATE_WRITE
 #define MADV_POPULATE_WRITE 23
@@ -86,8 +87,10 @@ bool give_storage(uint32_t number) {
   if (madvise(start, group_bytes, MADV_POPULATE_WRITE) == 0) return true;
   int error = errno;
   if (error == EINVAL) {
-    std::string reason;
-    const std::shared_ptr<SegmentMap> map = map_pool(&reason);
+    const std::shared_ptr<SegmentMap> map = unless_without_memory(std::shared_ptr<SegmentMap>(), [] {
+      std::string reason;
+      return map_pool(&reason);
+    });
     struct stat file {};
     error = EBADF;
     // A process that closed all descriptors may have something else under the number.

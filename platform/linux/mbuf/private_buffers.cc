@@ -15,6 +15,8 @@
 #include <string>
 
 #include "log/log_writer.h"
+#include "never_destroyed.h"
+#include "no_memory.h"
 #include "sm/reservation.h"
 
 namespace rsw {
@@ -52,38 +54,44 @@ class Buffers {
   void unlock() { mutex_.unlock(); }
 
  private:
-  bool mapped() {
-    if (state_ != State::untried) return state_ == State::mapped;
-    state_ = State::refused;
+  bool reserve() {
     std::string reason;
-    if (!reserve_windows(&reason)) {
-      log_line(LOG_ERR, "packet buffers: %s", reason.c_str());
-      return false;
-    }
+    if (reserve_windows(&reason)) return true;
+    if (!refusal_logged_) log_line(LOG_ERR, "packet buffers: %s", reason.c_str());
+    refusal_logged_ = true;
+    return false;
+  }
+
+  // Said once, tried each time: what was short may be there later.
+  bool mapped() {
+    if (!is_mapped_) is_mapped_ = map();
+    return is_mapped_;
+  }
+
+  bool map() {
+    if (!unless_without_memory(false, [this] { return reserve(); })) return false;
     // Over our own reservation.
     void *wanted = reinterpret_cast<void *>(static_cast<uintptr_t>(private_base));
     if (mmap(wanted, private_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1,
              0) != wanted) {
-      log_line(LOG_ERR, "packet buffers: cannot map their window: %s", strerror(errno));
+      if (!refusal_logged_) log_line(LOG_ERR, "packet buffers: cannot map their window: %s", strerror(errno));
+      refusal_logged_ = true;
       return false;
     }
-    state_ = State::mapped;
     return true;
   }
 
-  enum class State { untried, mapped, refused };
-
   std::mutex mutex_;
-  State state_ = State::untried;
+  bool is_mapped_ = false;
+  bool refusal_logged_ = false;
   struct mbuf *free_ = nullptr;
   uint32_t next_ = private_base;  // the first buffer that was never taken
   uint32_t in_use_ = 0;
 };
 
-// Never destroyed: buffers are given back after static destructors have run, too.
 Buffers &buffers() {
-  static Buffers *const only = new Buffers;
-  return *only;
+  static NeverDestroyed<Buffers> only;
+  return only.value;
 }
 
 }  // namespace

@@ -23,6 +23,7 @@
 #include "counters.h"
 #include "log.h"
 #include "log/log_writer.h"
+#include "no_memory.h"
 
 namespace {
 
@@ -69,7 +70,11 @@ void *counted(uint32_t entry, uint32_t size) {
 
 uint32_t registered(const char *desc, uint32_t component, bool shared, const char **names, uint32_t count) {
   if (names == nullptr && count > 0) return 0;
-  process_counters().attach();
+  // Without memory for the shared numbers, they are the process's own.
+  rsw::unless_without_memory(false, [] {
+    process_counters().attach();
+    return true;
+  });
   if (process_counters().register_types(desc, component, shared, names, count)) return 1;
   rsw::log_line(LOG_WARNING, "memory tracker: no room for %u %s types of component %u", count,
                 shared ? "shared" : "private", component);

@@ -38,6 +38,7 @@
 #include <utility>
 
 #include "log/log_writer.h"
+#include "never_destroyed.h"
 #include "sm/reservation.h"
 
 namespace rsw {
@@ -145,15 +146,14 @@ struct Window {
   std::weak_ptr<Mapping> references;
 };
 
-// Never destroyed: mappings may go after static destructors have run.
 struct Table {
   std::mutex mutex;
   std::map<uint32_t, Window> windows;  // by base
 };
 
 Table &table() {
-  static Table *const only = new Table;
-  return *only;
+  static NeverDestroyed<Table> only;
+  return only.value;
 }
 
 class Mapping final : public SegmentMap {

@@ -24,6 +24,8 @@
 #include <unordered_map>
 
 #include "log/log_writer.h"
+#include "never_destroyed.h"
+#include "no_memory.h"
 #include "sm/reservation.h"
 #include "sm/segment_map.h"
 
@@ -60,10 +62,9 @@ struct OpenSegments {
   std::unordered_map<const void *, OpenSegment> by_handle;
 };
 
-// Never destroyed: a client may close in a destructor of its own.
 OpenSegments &open_segments() {
-  static OpenSegments *const only = new OpenSegments;
-  return *only;
+  static NeverDestroyed<OpenSegments> only;
+  return only.value;
 }
 
 uint32_t load_acquire(const uint32_t &word) {
@@ -100,28 +101,28 @@ uint32_t open_segment(const char *name, void **handle) {
   descriptor->used_end = load_acquire(header->used_end);  // partner: the release store in grow()
   descriptor->top = layout->base + layout->size;
   descriptor->root = root;
-  *handle = descriptor.get();
+  void *const made = descriptor.get();
   const std::lock_guard guard(open_segments().mutex);
-  open_segments().by_handle.emplace(*handle, OpenSegment{std::move(descriptor), std::move(map)});
+  open_segments().by_handle.emplace(made, OpenSegment{std::move(descriptor), std::move(map)});
+  *handle = made;
   return 0;
 }
 
 }  // namespace
 }  // namespace rsw
 
-uint32_t sm_open(const char *name, void **handle, uint32_t a0, uint32_t a1, uint32_t a17) try {
+uint32_t sm_open(const char *name, void **handle, uint32_t a0, uint32_t a1, uint32_t a17) {
   if (handle == nullptr || name == nullptr) {
     errno = EINVAL;
     return EINVAL;
   }
   *handle = nullptr;
   if (a0 != rsw::existing || a1 != rsw::read_only || a17 != rsw::whole_segment) {
-    return rsw::refuse(name, EINVAL, "opened in a way that this platform does not know");
+    return rsw::unless_without_memory(uint32_t{ENOMEM}, [&] {
+      return rsw::refuse(name, EINVAL, "opened in a way that this platform does not know");
+    });
   }
-  return rsw::open_segment(name, handle);
-} catch (...) {  // no memory
-  errno = ENOMEM;
-  return ENOMEM;
+  return rsw::unless_without_memory(uint32_t{ENOMEM}, [&] { return rsw::open_segment(name, handle); });
 }
 
 uint32_t sm_close(void *handle) {
@@ -139,10 +140,12 @@ uint32_t sm_close(void *handle) {
 }
 
 uint32_t smm_api_init(uint32_t) {
-  std::string reason;
-  if (rsw::reserve_windows(&reason)) return 1;
-  rsw::log_line(LOG_ERR, "smm_api_init: %s", reason.c_str());
-  return 0;
+  return rsw::unless_without_memory(0u, []() -> uint32_t {
+    std::string reason;
+    if (rsw::reserve_windows(&reason)) return 1;
+    rsw::log_line(LOG_ERR, "smm_api_init: %s", reason.c_str());
+    return 0;
+  });
 }
 
 // In place of libc's, see above. Declared here and not by <sys/mman.h>: the linkage is what counts.
@@ -154,7 +157,7 @@ extern "C" RSW_EXPORT int shm_unlink(const char *name) noexcept {
       errno = EINVAL;
       return -1;
     }
-    return unlink(rsw::segment_path(name).c_str());
+    return rsw::unless_without_memory(-1, [name] { return unlink(rsw::segment_path(name).c_str()); });
   }
   using Unlink = int (*)(const char *);
   static const auto next = reinterpret_cast<Unlink>(dlsym(RTLD_NEXT, "shm_unlink"));

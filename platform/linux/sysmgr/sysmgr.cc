@@ -29,6 +29,8 @@
 #include <string>
 
 #include "log.h"
+#include "never_destroyed.h"
+#include "no_memory.h"
 #include "sm/segment_map.h"
 #include "sysmgr/sysmgr_writer.h"
 
@@ -52,10 +54,9 @@ struct Attachment {
   std::shared_ptr<SegmentMap> segment;
 };
 
-// Never destroyed: questions may come while static destructors run.
 Attachment &attachment() {
-  static Attachment *const only = new Attachment;
-  return *only;
+  static rsw::NeverDestroyed<Attachment> only;
+  return only.value;
 }
 
 SupervisorRecord *record_in(const SegmentMap &segment) {
@@ -72,13 +73,16 @@ uint32_t word_or(uint32_t SupervisorRecord::*word, uint32_t otherwise) {
   const int kept = errno;
   Attachment &attached = attachment();
   const std::lock_guard guard(attached.mutex);
-  const std::string path = rsw::segment_path(rsw::segment_sysmgr.name);
-  if (attached.segment == nullptr || attached.path != path) {
+  // Without memory for the question, what was found the last time holds.
+  rsw::unless_without_memory(false, [&attached] {
+    std::string path = rsw::segment_path(rsw::segment_sysmgr.name);
+    if (attached.segment != nullptr && attached.path == path) return true;
     attached.segment.reset();
-    attached.path = path;
     std::string reason;
     attached.segment = SegmentMap::attach(rsw::segment_sysmgr, &reason);
-  }
+    attached.path = std::move(path);
+    return true;
+  });
   errno = kept;
   return attached.segment != nullptr ? load(record_in(*attached.segment)->*word) : otherwise;
 }

@@ -25,6 +25,7 @@
 #include <string>
 
 #include "log/log_writer.h"
+#include "no_memory.h"
 
 namespace rsw {
 
@@ -61,14 +62,16 @@ uint32_t tsp_is_proc_init(void) {
 }
 
 uint32_t tsp_create_rwsem_lock(uint32_t zero, uint32_t kind6) {
-  std::string reason;
-  if (zero != 0 || kind6 != rsw::database_lock_kind) {
-    reason = "there is no lock of kind " + std::to_string(zero) + ", " + std::to_string(kind6);
-  } else if (const uint32_t handle = rsw::open_reader_lock(rsw::Domain::database, &reason); handle != 0) {
-    return handle;
-  }
-  rsw::log_line(LOG_ERR, "tsp_create_rwsem_lock: %s", reason.c_str());
-  return 0;
+  return rsw::unless_without_memory(0u, [&]() -> uint32_t {
+    std::string reason;
+    if (zero != 0 || kind6 != rsw::database_lock_kind) {
+      reason = "there is no lock of kind " + std::to_string(zero) + ", " + std::to_string(kind6);
+    } else if (const uint32_t handle = rsw::open_reader_lock(rsw::Domain::database, &reason); handle != 0) {
+      return handle;
+    }
+    rsw::log_line(LOG_ERR, "tsp_create_rwsem_lock: %s", reason.c_str());
+    return 0;
+  });
 }
 
 void tsp_destroy_lock(uint32_t lock) {

@@ -25,12 +25,13 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <bitset>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "log/log_writer.h"
+#include "never_destroyed.h"
 #include "sm/segment_map.h"
 #include "tsp/membarrier.h"
 #include "tsp/reader.h"
@@ -56,21 +57,20 @@ struct Ownership {
   std::mutex mutex;
   std::shared_ptr<SegmentMap> map;  // kept when the last lock is closed
   uint32_t opened[lock_count] = {};
-  int descriptor = -1;         // the description whose locks make slots ours
-  std::vector<bool> ours;      // by slot
-  uint32_t search_from = 0;    // below it are no free slots, as far as this process knows
-  uint32_t light = 0;          // epoch_light once the process is registered
-  Reader *readers = nullptr;   // threads with a slot
-  pthread_key_t thread_end{};  // its destructor gives a thread's slot back
+  int descriptor = -1;           // the description whose locks make slots ours
+  std::bitset<slot_limit> ours;  // by slot
+  uint32_t search_from = 0;      // below it are no free slots, as far as this process knows
+  uint32_t light = 0;            // epoch_light once the process is registered
+  Reader *readers = nullptr;     // threads with a slot
+  pthread_key_t thread_end{};    // its destructor gives a thread's slot back
   bool hooks_set = false;
   bool shortage_logged = false;
   Heir heir;
 };
 
-// Never destroyed: threads end after static destructors have run.
 Ownership &ownership() {
-  static Ownership *const only = new Ownership;
-  return *only;
+  static NeverDestroyed<Ownership> only;
+  return only.value;
 }
 
 void enter_list(Ownership &own, Reader &reader) {
@@ -223,7 +223,7 @@ void after_fork_in_child() {
   Reader &me = this_reader;
   if (own.descriptor >= 0) close(own.descriptor);
   own.descriptor = own.heir.descriptor;
-  own.ours.assign(slot_limit, false);
+  own.ours.reset();
   own.readers = nullptr;
   me.slot = nullptr;
   me.next = nullptr;
@@ -279,7 +279,7 @@ bool attach(Ownership &own, Domain domain, std::string *reason) {
   if (now == nullptr) return false;
   if (own.map == nullptr) {
     own.map = std::move(now);
-    own.ours.assign(slot_limit, false);
+    own.ours.reset();
     own.light = register_for_membarrier() ? epoch_light : 0;
   }
   return true;

@@ -13,6 +13,8 @@
 #include <string>
 
 #include "log/log_writer.h"
+#include "never_destroyed.h"
+#include "no_memory.h"
 #include "sm/segment_map.h"
 #include "tsp.h"
 #include "tsp/reader.h"
@@ -36,10 +38,9 @@ struct Client {
   bool open = false;
 };
 
-// Never destroyed: a client may ask in a destructor of its own.
 Client &client() {
-  static Client *const only = new Client;
-  return *only;
+  static NeverDestroyed<Client> only;
+  return only.value;
 }
 
 uint32_t opened_once = 0;  // word: 1 from the first successful urib_api_init() on
@@ -75,8 +76,11 @@ uint32_t attach_late() {
   fill_word(last_try, now);
   Client &own = client();
   const std::unique_lock guard(own.mutex, std::try_to_lock);
-  std::string reason;
-  return guard.owns_lock() ? attach(own, &reason) : 0;
+  if (!guard.owns_lock()) return 0;
+  return unless_without_memory(0u, [&own] {
+    std::string reason;
+    return attach(own, &reason);
+  });
 }
 
 void detach_idle() {
@@ -105,16 +109,19 @@ uint32_t urib_api_init(void) {
   Client &own = client();
   const std::lock_guard guard(own.mutex);
   if (own.open) return 1;
-  std::string reason;
-  if (open_reader_lock(Domain::urib, &reason) == 0) {
-    log_line(LOG_INFO, "urib_api_init: %s", reason.c_str());
-    return 0;
-  }
-  own.open = true;
-  fill_word(opened_once, 1);
-  detach(own);           // what a close has kept may be another run directory's by now
-  attach(own, &reason);  // no tables yet is no failure: they are asked for again
-  return 1;
+  return unless_without_memory(0u, [&own]() -> uint32_t {
+    std::string reason;
+    if (open_reader_lock(Domain::urib, &reason) == 0) {
+      log_line(LOG_INFO, "urib_api_init: %s", reason.c_str());
+      return 0;
+    }
+    own.open = true;
+    fill_word(opened_once, 1);
+    detach(own);  // what a close has kept may be another run directory's by now
+    // No tables yet is no failure: they are asked for again.
+    unless_without_memory(0u, [&] { return attach(own, &reason); });
+    return 1;
+  });
 }
 
 void urib_api_close(void) {
