@@ -377,7 +377,7 @@ int main(int argc, char **argv) {
   std::string reason;
   const bool own_kernel = test_support::enter_network_namespace(&reason);
   if (!own_kernel) printf("No network namespace (%s): the kernel is not asked.\n", reason.c_str());
-  std::vector<std::string> words = {argv[0],       "--no-huge",   "-m", "1400", "--no-pci", "--no-telemetry",
+  std::vector<std::string> words = {argv[0],       "--no-huge",   "-m", "3000", "--no-pci", "--no-telemetry",
                                     "--no-shconf", "--log-level", "1",  "-l",   "0"};
   std::vector<char *> arguments;
   for (std::string &word : words) arguments.push_back(word.data());
