@@ -127,6 +127,13 @@ FAILS(int, -1, unlink, (const char *path), (path))
 FAILS(int, -1, unlinkat, (int directory, const char *path, int flags), (directory, path, flags))
 FAILS(int, -1, munmap, (void *address, size_t size), (address, size))
 FAILS(int, -1, madvise, (void *address, size_t size, int advice), (address, size, advice))
+FAILS(int, -1, fstat, (int fd, struct stat *file), (fd, file))
+int fstat64(int fd, struct stat64 *file);
+int fstat64(int fd, struct stat64 *file) {
+  if (fails("fstat")) return -1;
+  NEXT("fstat64", __typeof__(&fstat64))
+  return next(fd, file);
+}
 FAILS_LARGE(int, -1, ftruncate, (int fd, off_t size), (fd, size))
 FAILS_LARGE(int, -1, fallocate, (int fd, int mode, off_t offset, off_t size), (fd, mode, offset, size))
 FAILS_LARGE(int, error_wanted, posix_fallocate, (int fd, off_t offset, off_t size), (fd, offset, size))

@@ -87,7 +87,7 @@ static int sent(uint32_t iod) {
 }
 
 static int received(void) {
-  struct mts_recv_opts options = {{1, 0, 2, 0}};
+  struct mts_recv_opts options = {{1, 0, 1, 0}};
   mts_msg_ref_t message = NULL;
   int32_t status;
   do {

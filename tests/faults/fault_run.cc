@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <ostream>
 
 namespace faults {
@@ -16,6 +17,14 @@ std::string name_of(const Fault &fault) {
 
 void PrintTo(const Fault &fault, std::ostream *out) {
   *out << name_of(fault);
+}
+
+unsigned open_descriptors(pid_t pid) {
+  std::error_code gone;
+  unsigned count = 0;
+  const std::filesystem::directory_iterator directory("/proc/" + std::to_string(pid) + "/fd", gone);
+  for ([[maybe_unused]] const auto &each : directory) ++count;
+  return count;
 }
 
 FaultRun::FaultRun(const Fault &fault, unsigned at, const std::vector<std::string> &command,

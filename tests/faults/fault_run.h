@@ -3,6 +3,8 @@
 #ifndef TESTS_FAULTS_FAULT_RUN_H
 #define TESTS_FAULTS_FAULT_RUN_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -17,6 +19,8 @@ struct Fault {
 
 void PrintTo(const Fault &fault, std::ostream *out);
 std::string name_of(const Fault &fault);
+// What a process has open; 0: it has ended.
+unsigned open_descriptors(pid_t pid);
 
 class FaultRun {
  public:

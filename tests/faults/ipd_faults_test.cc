@@ -12,6 +12,7 @@
 #include "im.h"
 #include "ip_api.h"
 #include "mts.h"
+#include "mts/mts_server.h"
 #include "support/peer_namespace.h"
 #include "system/ipd_fixture.h"
 
@@ -62,7 +63,29 @@ class IpdFaults : public ipd_test::IpdTest, public testing::WithParamInterface<F
     // It may have ended since, with the call that was to fail.
     const bool served = wait_until([&] { return serves(address) || !ipd.running(); }, patience);
     if (!ipd.running()) return ended(ipd);
-    return served ? "" : "it is live and does not serve";
+    if (!served) return "it is live and does not serve";
+    const bool closed = wait_until([&] { return open_descriptors(ipd) <= descriptors_ || !ipd.running(); }, patience);
+    return closed ? ""
+                  : "it has more descriptors open than without the failure: " + std::to_string(open_descriptors(ipd));
+  }
+
+  static unsigned open_descriptors(const test_support::Process &ipd) { return faults::open_descriptors(ipd.pid()); }
+
+  // How many descriptors one has open that was spared, once the queues of its client are gone.
+  void count_descriptors() {
+    start_ipd();
+    attach();
+    ASSERT_TRUE(wait_until([this] { return serves(configured); }, patience));
+    const auto connections = [] {
+      uint32_t sum = 0;
+      for (const rsw::MtsQueueUse &queue : rsw::mts_queues()) sum += queue.connections;
+      return sum;
+    };
+    ASSERT_TRUE(wait_until([&] { return connections() == 0; }, patience));
+    descriptors_ = open_descriptors(ipd_);
+    ipd_.kill_now();
+    detach();
+    clear_run_directory();
   }
 
   static std::string ended(test_support::Process &ipd) {
@@ -72,6 +95,7 @@ class IpdFaults : public ipd_test::IpdTest, public testing::WithParamInterface<F
   }
 
   void fail_each_call(bool from_nothing) {
+    ASSERT_NO_FATAL_FAILURE(count_descriptors());
     unsigned ends = 0;
     unsigned at = 1;
     for (; at <= most_calls; ++at) {
@@ -95,6 +119,8 @@ class IpdFaults : public ipd_test::IpdTest, public testing::WithParamInterface<F
   }
 
  private:
+  unsigned descriptors_ = 0;
+
   void clear_run_directory() {
     for (const auto &entry : std::filesystem::directory_iterator(run_directory_.path())) {
       std::filesystem::remove_all(entry.path());

@@ -12,6 +12,7 @@
 #include "fault_run.h"
 #include "ip_api.h"
 #include "mts.h"
+#include "system/control_shown.h"
 #include "system/ipd_fixture.h"
 
 namespace {
@@ -121,6 +122,12 @@ class IpdMemory : public ipd_test::IpdTest {
     detach();
   }
 
+  // No client, beside this process, which asks.
+  static bool nobody_is_known() {
+    return ipd_test::shown_clients().size() == 1 && ipd_test::shown_registrations().empty();
+  }
+  static unsigned open_descriptors(const test_support::Process &ipd) { return faults::open_descriptors(ipd.pid()); }
+
   // Allocation `at` from the first connection on, while a client lives a whole life. False: that took fewer.
   bool fail_while_it_serves(unsigned at, bool *ended) {
     FaultRun run(no_memory, at, ipd_test::ipd_command({"--foreground"}), run_directory_.path(), false, "accept4");
@@ -136,6 +143,10 @@ class IpdMemory : public ipd_test::IpdTest {
     }
     EXPECT_EQ(client.wait(patience), 0) << "allocation " << at << ": " << client.output();
     const bool happened = run.happened();
+    if (!*ended) {
+      EXPECT_TRUE(wait_until([&] { return nobody_is_known() && open_descriptors(ipd) <= descriptors_; }, patience))
+          << "allocation " << at << ": ipd had " << descriptors_ << " descriptors and has " << open_descriptors(ipd);
+    }
     ipd.kill_now();
     ipd_.kill_now();
     return happened;
@@ -172,6 +183,9 @@ class IpdMemory : public ipd_test::IpdTest {
     if (attached_) ip_api_close();
     attached_ = false;
   }
+
+ protected:
+  unsigned descriptors_ = 0;  // of an ipd that had all memory, and a client
 };
 
 TEST_F(IpdMemory, ThatIsMissingOnceFromNothingEndsItWithAReasonOrItServes) {
@@ -183,6 +197,12 @@ TEST_F(IpdMemory, ThatIsMissingOnceInATakeOverEndsItWithAReasonOrItServes) {
 }
 
 TEST_F(IpdMemory, ThatIsMissingOnceWhileItServesEndsItWithAReasonOrNothing) {
+  start_ipd();
+  test_support::Process client({FAULT_CLIENT, "239.1.1.1", "10.9.0.1"});
+  ASSERT_EQ(client.wait(patience), 0) << client.output();
+  ASSERT_TRUE(wait_until([] { return nobody_is_known(); }, patience));
+  descriptors_ = open_descriptors(ipd_);
+  ipd_.kill_now();
   unsigned at = 0;
   unsigned ends = 0;
   for (bool happened = true; happened && !HasFailure();) {

@@ -11,8 +11,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <string>
-
 #include "sm/run_dir.h"
 
 namespace rsw::mts {
@@ -24,19 +22,30 @@ bool is_fixed(uint32_t sap) {
   return sap < first_dynamic_sap;
 }
 
-std::string socket_name(uint32_t sap) {
-  return (is_fixed(sap) ? "" : std::string(dynamic_directory) + "/") + std::to_string(sap);
+// A file in the directory. It takes no memory: an unbind cannot fail for the want of that.
+class Name {
+ public:
+  Name(uint32_t sap, const char *ending) {
+    snprintf(text_, sizeof text_, "%s%u%s", is_fixed(sap) ? "" : "dynamic/", sap, ending);
+  }
+  [[nodiscard]] const char *c_str() const { return text_; }
+
+ private:
+  char text_[32];
+};
+
+Name socket_name(uint32_t sap) {
+  return {sap, ""};
 }
 
-std::string record_name(uint32_t sap) {
-  return socket_name(sap) + ".queue";
+Name record_name(uint32_t sap) {
+  return {sap, ".queue"};
 }
 
 sockaddr_un address_of(int directory, uint32_t sap) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  const char *between = is_fixed(sap) ? "" : "dynamic/";
-  snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s%u", directory, between, sap);
+  snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s", directory, socket_name(sap).c_str());
   return address;
 }
 
@@ -84,7 +93,7 @@ int write_lock(int file, int command, short *found) {
 }
 
 // The name still leads to the file that was opened.
-bool same_file(int directory, const std::string &name, int file) {
+bool same_file(int directory, const Name &name, int file) {
   struct stat opened {};
   struct stat named {};
   return fstat(file, &opened) == 0 && fstatat(directory, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
@@ -93,7 +102,7 @@ bool same_file(int directory, const std::string &name, int file) {
 
 // Locks the SAP's file. A file that changed under us, or that only readers hold, is tried again.
 int lock_sap(int directory, uint32_t sap, Descriptor *lock) {
-  const std::string name = record_name(sap);
+  const Name name = record_name(sap);
   for (int attempt = 0; attempt < 16; ++attempt) {
     Descriptor file(openat(directory, name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
     // In a sticky directory, another user's file cannot be opened: the SAP is that user's.
@@ -115,7 +124,7 @@ int lock_sap(int directory, uint32_t sap, Descriptor *lock) {
 int bind_socket(int directory, uint32_t sap, Descriptor *bound) {
   Descriptor made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (made.get() < 0) return errno;
-  const std::string name = socket_name(sap);
+  const Name name = socket_name(sap);
   if (unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) return errno;
   const sockaddr_un address = address_of(directory, sap);
   if (bind(made.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) return errno;
