@@ -294,6 +294,14 @@ void rtm_getroute(benchmark::State &state, const Case &which) {
   run(state, which, [](uint32_t key) { return kernel.first_interface(key); });
 }
 
+// What was retired before it is free again after it: changes as fast as can be, of each of which memory is kept for a
+// second, are more than the segment holds. So its time goes faster here.
+void rest() {
+  static std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
+  urib().writer->tick(now += std::chrono::seconds(2));
+  urib().writer->tick(now += std::chrono::seconds(2));
+}
+
 void one_change(benchmark::State &state, uint32_t addr, uint8_t len) {
   const uint32_t table = urib().table(900000);
   Route route = routes(900000)[0];
@@ -305,7 +313,7 @@ void one_change(benchmark::State &state, uint32_t addr, uint8_t len) {
     if (!urib().writer->remove(table, rsw::RouteView::unicast, addr, len)) stop(urib().writer->last_error());
     if (++changes % 64 == 0) {
       state.PauseTiming();
-      urib().writer->tick(std::chrono::steady_clock::now());
+      rest();
       state.ResumeTiming();
     }
   }
@@ -318,9 +326,7 @@ void urib_load(benchmark::State &state) {
     if (!urib().writer->load(77, all)) stop(urib().writer->last_error());
     state.PauseTiming();
     urib().writer->remove_table(77);
-    // Past the quarantine, so that the next load finds the memory again.
-    urib().writer->tick(std::chrono::steady_clock::now());
-    urib().writer->tick(std::chrono::steady_clock::now() + std::chrono::seconds(2));
+    rest();
     state.ResumeTiming();
   }
 }

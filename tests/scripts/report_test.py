@@ -86,6 +86,17 @@ class Report(unittest.TestCase):
         self.assertIn("mbuf_bench failed", progress)
         self.assertRegex(text, r"liburcu memb, called \| at most 1 \| 0.50 \| met \|")
 
+    def test_benchmarks_that_do_not_run_again_keep_their_figures(self):
+        self.figures("mts_bench", [("send_drained/mts/232/manual_time/repeats:25", "least", 120),
+                                   ("send_drained/sendmsg/232/manual_time/repeats:25", "least", 100)])
+        self.figures("mbuf_bench", self.pool(20))
+        self.report("--only", "mts_bench", "--only", "mbuf_bench")
+        self.figures("mbuf_bench", self.pool(12))
+        _, text, _ = self.report("--only", "mbuf_bench")
+        self.assertRegex(text, r"one thread \| at most 1.5 \| 1.20 \| met \|")
+        self.assertRegex(text, r"232 bytes, in a bare sendmsg's time \| at most 1.1 \| 1.20 \| \*\*missed\*\* \|")
+        self.assertLess(text.index("232 bytes"), text.index("one thread"), "in the order of the benchmarks")
+
     def test_a_benchmark_that_is_not_known_is_refused_with_those_that_are(self):
         code, _, progress = self.report("--only", "no_bench")
         self.assertEqual(code, 2)
