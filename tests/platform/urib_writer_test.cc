@@ -220,6 +220,25 @@ TEST(UribWriter, WithoutRoomARouteIsRefusedAndAllOthersStay) {
   EXPECT_EQ(best(net10 + count), 1 + count);
 }
 
+TEST(UribWriter, AnyNumberOfWritersThatEndAtOnceLeaveRoomForTheNext) {
+  RouteRig rig;
+  std::vector<Route> routes;
+  for (uint32_t number = 0; number < 3000; ++number) routes.push_back(heavy(number));
+  bool were_gone = false;
+  // None of them lives until what it retired is free.
+  for (int time = 0; time < 20; ++time) {
+    SCOPED_TRACE(time);
+    rig.writer.reset();
+    std::string reason;
+    rig.writer = rsw::UribWriter::open(*rig.epochs, &reason, {.quarantine = std::chrono::milliseconds(0)});
+    ASSERT_NE(rig.writer, nullptr) << reason;
+    if (time > 0) were_gone = were_gone || best(net10) == 0;
+    ASSERT_TRUE(rig.writer->load(table, routes) && rig.writer->commit()) << rig.writer->last_error();
+    for (uint32_t number = 0; number < routes.size(); number += 97) ASSERT_EQ(best(net10 + number), 1 + number);
+  }
+  EXPECT_TRUE(were_gone) << "they did not fill it, so nothing was seen";
+}
+
 TEST(UribWriter, AFullTableOfTheInternetTakesAtMostTenMegabytesToSearch) {
   RouteRig rig;
   const std::vector<Route> routes = bgp_routes::make(900000, 1);
