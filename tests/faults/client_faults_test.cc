@@ -43,8 +43,9 @@ class ClientFaults : public ipd_test::IpdTest, public testing::WithParamInterfac
   // What a client said of its last life; 0: nothing.
   static unsigned said_descriptors(Process &client) {
     const std::string &text = client.output();
-    const size_t at = text.rfind("descriptors ");
-    return at == std::string::npos ? 0 : static_cast<unsigned>(std::stoul(text.substr(at + sizeof "descriptors ")));
+    const std::string label = "descriptors ";
+    const size_t at = text.rfind(label);
+    return at == std::string::npos ? 0 : static_cast<unsigned>(std::stoul(text.substr(at + label.size())));
   }
 
   // No client beside this one, no registration, no packet on its way.
