@@ -43,15 +43,17 @@ struct Options {
   double seconds = 20;
   double round = 8;
   uint32_t seed = std::random_device{}();
+  bool spoil = false;
   std::string json;
 };
 
 int usage() {
   fputs(
-      "usage: soak [--seconds N] [--round N] [--seed N] [--json FILE]\n"
+      "usage: soak [--seconds N] [--round N] [--seed N] [--spoil 1] [--json FILE]\n"
       "  --seconds N  how long (default 20)\n"
       "  --round N    seconds between two looks at everything (default 8)\n"
       "  --seed N     of the random numbers; without it a random one, which is printed\n"
+      "  --spoil 1    senders turn a bit of each packet, so that there have to be anomalies\n"
       "  --json FILE  the record also as JSON\n",
       stderr);
   return 2;
@@ -67,6 +69,8 @@ bool read_options(int argc, char **argv, Options *options) {
       options->round = atof(argv[i + 1]);
     } else if (name == "--seed") {
       options->seed = static_cast<uint32_t>(strtoul(argv[i + 1], nullptr, 10));
+    } else if (name == "--spoil") {
+      options->spoil = strcmp(argv[i + 1], "1") == 0;
     } else if (name == "--json") {
       options->json = argv[i + 1];
     } else {
@@ -112,6 +116,7 @@ class Soak {
         quiet_(record_, directory, IPSH) {
     record_.seed = options.seed;
     clients_.board().ipd_epoch = 1;
+    clients_.board().spoil = options.spoil ? 1 : 0;
     for (size_t i = 0; i < both_widths(SOAK_CLIENT, SOAK_CLIENT_NARROW).size(); ++i) {
       record_.widths.emplace_back(i == 0 ? "native width" : "32 bits");
     }

@@ -46,6 +46,7 @@ struct soak_board {
   /* By the driver. */
   uint32_t stop;      /* clients are to end */
   uint32_t ipd_epoch; /* even: ipd is live and undisturbed; each change counts */
+  uint32_t spoil;     /* senders turn a bit of their packets, which receivers have to notice */
   struct soak_seat seats[SOAK_SEATS];
 };
 
@@ -55,7 +56,7 @@ struct soak_board {
 #define SOAK_ASSERT _Static_assert
 #endif
 SOAK_ASSERT(sizeof(struct soak_seat) == 308, "both widths agree");
-SOAK_ASSERT(sizeof(struct soak_board) == 8 + SOAK_SEATS * 308, "both widths agree");
+SOAK_ASSERT(sizeof(struct soak_board) == 12 + SOAK_SEATS * 308, "both widths agree");
 SOAK_ASSERT(SOAK_KINDS <= 16, "a word for each kind");
 
 /* The system that the driver keeps, and clients know:

@@ -77,6 +77,10 @@ int undisturbed_since(uint32_t epoch) {
   return epoch % 2 == 0 && ipd_epoch() == epoch;
 }
 
+int spoils_packets(void) {
+  return load(&board->spoil) != 0;
+}
+
 static int is_over(void) {
   return load(&board->stop) != 0;
 }

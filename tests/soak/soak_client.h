@@ -26,6 +26,8 @@ void rest(uint32_t microseconds);
 /* What the driver says of ipd now; undisturbed_since(): live then, and not stopped or killed since. */
 uint32_t ipd_epoch(void);
 int undisturbed_since(uint32_t epoch);
+/* The board says that packets are to be sent with a bit turned. */
+int spoils_packets(void);
 
 /* soak_questions.c */
 int know_the_interfaces(void);

@@ -59,12 +59,15 @@ static uint32_t write_packet(uint8_t *bytes, uint32_t source) {
   put(bytes + HEADER + 4, number);
   put(bytes + HEADER + 8, length);
   for (uint32_t i = LEAST; i < length; ++i) bytes[i] = byte_of(number, i);
+  if (spoils_packets() && length > LEAST) bytes[length - 1] ^= 1;
   return length;
 }
 
 static void check_packet(const uint8_t *bytes, uint32_t length) {
-  if (length < LEAST || bytes[0] != 0x45 || bytes[9] != SOAK_PROTOCOL) tell_wrong("no packet of ours", length, 0);
-  return;
+  if (length < LEAST || bytes[0] != 0x45 || bytes[9] != SOAK_PROTOCOL) {
+    tell_wrong("no packet of ours", length, 0);
+    return;
+  }
   const uint32_t source = get(bytes + 12);
   const uint32_t number = get(bytes + HEADER + 4);
   if (source != SOAK_FIXED + 1 && source != SOAK_HANDED_IN_FROM) tell_wrong("a packet from elsewhere", source, number);
