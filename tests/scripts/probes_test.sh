@@ -22,8 +22,10 @@ documented() {
     /Provider:/ { provider = $2 }
     /Name:/ { name = $2 }
     /Arguments:/ { print provider, name, NF - 1 }' | sort -u >"$work/there"
-  # | `provider` | `probe` | arguments | when |: commas separate, and none is none
-  awk -F' *[|] *' '$2 ~ /^`(libip|librsw|ipd)`$/ {
+  # | `provider` | `probe` | arguments | when |: commas separate, and none is none. A provider is named after its file.
+  local file providers=
+  for file in "$@"; do file=${file##*/} providers+=${providers:+|}${file%%.*}; done
+  awk -F' *[|] *' -v providers="^\`($providers)\`\$" '$2 ~ providers {
       gsub("`", "", $2); gsub("`", "", $3)
       print $2, $3, ($4 == "" ? 0 : split($4, arguments, /,/)) }' \
     "$source_directory/docs/tracing.md" | sort -u >"$work/documented"
