@@ -24,7 +24,9 @@
 // other. Only the interface table is kept up at once: it is the same table, an interface that is in it keeps its iod,
 // and the new iods are needed for the elements of the trees. Then the first commit removes the contexts and interfaces
 // that nobody set again, and lets go of all memory that it did not adopt, which is everything but the context records
-// and the statistics blocks: counters go on from where they stood (publisher_multicast.cc).
+// and the statistics blocks: counters go on from where they stood (publisher_multicast.cc). The exception is a window
+// without room for that: then readers find contexts and interfaces without addresses until the first commit
+// (sm/make_room.h).
 //
 // The publisher's destructor touches nothing: a stopped ipd leaves its state for its clients, as a killed one does.
 #include "ipd/publish/publisher.h"
@@ -32,6 +34,7 @@
 #include "ipd/publish/segment_publisher.h"
 #include "mtrack/mtrack_writer.h"
 #include "probe.h"
+#include "sm/make_room.h"
 
 namespace ipd {
 
@@ -57,13 +60,15 @@ std::unique_ptr<Publisher> SegmentPublisher::open(rsw::Epochs &epochs, std::uniq
 
   std::vector<rsw::RecordTypeInfo> types(record_types.begin(), record_types.end());
   for (const rsw::RecordTypeInfo &type : rsw::pt_types(memory_local_address)) types.push_back(type);
-  auto arena = rsw::Arena::open(segment, epochs, rsw::Domain::database, arena_offset, types,
-                                rsw::ArenaLimits{.quarantine = quarantine}, reason);
+  const rsw::ArenaLimits limits{.quarantine = quarantine};
+  auto arena = rsw::Arena::open(segment, epochs, rsw::Domain::database, arena_offset, types, limits, reason);
   if (arena == nullptr) return nullptr;
   auto interface_table = rsw::ImWriter::open(epochs, reason);
   if (interface_table == nullptr) return nullptr;
-  return std::make_unique<SegmentPublisher>(std::move(own_epochs), std::move(segment), std::move(arena),
-                                            std::move(interface_table));
+  auto publisher = std::make_unique<SegmentPublisher>(std::move(own_epochs), std::move(segment), std::move(arena),
+                                                      std::move(interface_table));
+  publisher->make_room(limits);
+  return publisher;
 }
 
 SegmentPublisher::SegmentPublisher(std::unique_ptr<rsw::Epochs> own_epochs, std::shared_ptr<rsw::SegmentMap> segment,
@@ -80,6 +85,30 @@ SegmentPublisher::SegmentPublisher(std::unique_ptr<rsw::Epochs> own_epochs, std:
   }
   // Release: whoever finds the root through the header finds it initialised; partner: the load in sm_open.
   store_shared(segment_->header()->root, segment_->header()->base + root_offset);
+}
+
+void SegmentPublisher::make_room(const rsw::ArenaLimits &limits) {
+  rsw::make_room(*segment_, *arena_, limits, "no addresses are served", [this] { withdraw_unadopted(); });
+}
+
+// Contexts, interfaces and counters stay for readers, and for the next publisher if this one does not get to its first
+// commit; words that lead to anything else become 0. Release (in the assignments), as all of these words.
+void SegmentPublisher::withdraw_unadopted() {
+  for (const uint32_t previous_iod : interface_table_->iods()) {
+    const auto position = inherited_.find(interface_table_->get(previous_iod)->ifindex);
+    if (position == inherited_.end()) {
+      interface_table_->set_extension(previous_iod, IP_COMPONENT, nullptr);
+      continue;
+    }
+    ip_iftype &record = *position->second.record;
+    record.addr_list = nullptr;
+    record.group_list = nullptr;
+    record.unnum_data = nullptr;
+    store_shared(record.unnum_src_iod, 0);
+    store_shared(record.vaddr_count, 0);
+    record.stats = reinterpret_cast<uint8_t *>(position->second.statistics);
+  }
+  for (const uint32_t id : context_list_.ids()) context_list_.find(id)->local_pt = nullptr;
 }
 
 Interface *SegmentPublisher::find_interface(uint32_t ifindex) {

@@ -29,6 +29,7 @@ class SegmentPublisher final : public Publisher {
                                          std::string *reason, std::chrono::milliseconds quarantine);
   SegmentPublisher(std::unique_ptr<rsw::Epochs> own_epochs, std::shared_ptr<rsw::SegmentMap> segment,
                    std::unique_ptr<rsw::Arena> arena, std::unique_ptr<rsw::ImWriter> interface_table);
+  void make_room(const rsw::ArenaLimits &limits);
 
   bool set_context(const ContextState &context) override;
   bool remove_context(uint32_t id) override;
@@ -89,6 +90,7 @@ class SegmentPublisher final : public Publisher {
   void inherit_counters();
   void take_inherited(Interface &interface);
   void forget_inherited();
+  void withdraw_unadopted();
   void publish_load_share();
 
   void first_commit();

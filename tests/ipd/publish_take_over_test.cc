@@ -128,6 +128,45 @@ TEST_F(PublishTakeOver, ManyTakeOversDoNotFillTheSegment) {
   EXPECT_EQ(system->use().segment_bytes, after_the_first);
 }
 
+// Fills the window in some 20 starts if nothing is ever free.
+std::vector<ipd::GroupState> many_groups() {
+  std::vector<ipd::GroupState> groups;
+  for (uint32_t i = 0; i < 400000; ++i) groups.push_back({.group = ip(239, 0, 0, 0) + i, .data = i});
+  return groups;
+}
+
+TEST_F(PublishTakeOver, AnyNumberOfPublishersThatEndAtOnceLeaveRoomForTheNext) {
+  const ip_api_context_type *blue = ip_get_api_context(7);
+  const uint32_t iod2 = system->iod(2);
+  const std::vector<ipd::GroupState> groups = many_groups();
+  ipd::MulticastCounters counters{.packets = {1, 2, 3, 4, 5}, .bytes = {6, 7}};
+  ASSERT_TRUE(system->set_multicast_counters(2, counters));
+  bool were_gone = false;
+  // None of them lives until what it retired is free.
+  for (uint32_t time = 0; time < 24; ++time) {
+    SCOPED_TRACE(time);
+    reopen(system);
+    system.attach();
+    const bool are_gone = ip_get_iod_for_local_address("default", permanent) == 0;
+    if (are_gone) {  // that one does not even get to its first commit
+      reopen(system);
+      system.attach();
+    }
+    were_gone = were_gone || are_gone;
+    publish_base(*system);
+    EXPECT_EQ(system->multicast_counters(2), counters);
+    ++counters.packets[0];
+    ASSERT_TRUE(system->set_multicast_counters(2, counters));
+    ASSERT_TRUE(system->set_groups(2, groups)) << system->last_error();
+    ASSERT_TRUE(system->commit()) << system->last_error();
+    EXPECT_EQ(ip_get_api_context(7), blue);
+    ASSERT_EQ(ip_get_iod_for_local_address("default", permanent), iod2);
+    if (!are_gone) continue;
+    EXPECT_EQ(groups_of(iod2), groups);
+  }
+  EXPECT_TRUE(were_gone) << "they did not fill it, so nothing was seen";
+}
+
 // One process attaches and asks, over and over, while publishers come and go; every answer must be the permanent one.
 int keep_asking() {
   if (!attach_when_published()) return 10;
@@ -146,6 +185,50 @@ int keep_asking() {
     if (ip_get_api_context_id("blue") != 7) return 19;
   }
   return 0;
+}
+
+// The same while publishers have to make room: the addresses are there or not, all else is as ever.
+int keep_asking_through_gaps() {
+  if (!attach_when_published()) return 10;
+  const ip_api_context_type *record = ip_get_api_context_by_name("default");
+  const uint32_t iod = ip_get_iod_for_local_address("default", permanent);
+  if (record == nullptr || iod == 0) return 11;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  while (ip_get_iod_for_local_address("default", last_word) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) return 12;
+    if (ip_get_api_context_by_name("default") != record) return 13;
+    const uint32_t found = ip_get_iod_for_local_address("default", permanent);
+    if (found != 0 && found != iod) return 14;
+    const uint32_t length = ip_get_local_mask_len(permanent, iod);
+    if (length != 0 && length != 24) return 15;
+    if (ip_is_multicast_enabled(iod) != 1) return 16;
+    if (counters_of(iod).value_or(ipd::MulticastCounters{}).packets[4] != 5) return 17;
+  }
+  return 0;
+}
+
+TEST(PublishTakeOverLive, AttachedClientsSeeNothingWrongWhileRoomIsMade) {
+  test_support::RunDirectory directory;
+  test_support::Process reader(keep_asking_through_gaps);
+  const std::vector<ipd::GroupState> groups = many_groups();
+  std::string reason;
+  bool were_gone = false;
+  for (int round = 0; round < 14; ++round) {
+    const auto publisher = ipd::Publisher::open(&reason, std::chrono::milliseconds(0));
+    ASSERT_NE(publisher, nullptr) << reason;
+    if (round > 0) {
+      ASSERT_NE(ip_shm_api_init(), nullptr);
+      were_gone = were_gone || ip_get_iod_for_local_address("default", permanent) == 0;
+      ip_api_close();
+    }
+    publish_base(*publisher);
+    ASSERT_TRUE(publisher->set_multicast_counters(2, {.packets = {1, 2, 3, 4, 5}, .bytes = {}}));
+    ASSERT_TRUE(publisher->set_groups(3, groups)) << publisher->last_error();
+    if (round == 13) publisher->set_address(3, primary(last_word, 32));
+    ASSERT_TRUE(publisher->commit());
+  }
+  EXPECT_TRUE(were_gone) << "no room had to be made, so nothing was seen";
+  EXPECT_EQ(reader.wait(), 0) << reader.output();
 }
 
 TEST(PublishTakeOverLive, AttachedClientsGoOnWithoutAttachingAgain) {

@@ -44,19 +44,19 @@ class ImRig {
   ImRig &operator=(const ImRig &) = delete;
 
   // As a new process would: the writer's mapping goes, and with it the reader's, which is the same one here.
-  void replace_writer() {
+  void replace_writer(rsw::ArenaLimits limits = {}) {
     im_ext_pub_lib_close(component, 0);
     writer.reset();
-    writer = open(*epochs);
+    writer = open(*epochs, limits);
     attach();
   }
   void let_pass(std::chrono::seconds time) {
     now += time;
     writer->tick(now);
   }
-  static std::unique_ptr<rsw::ImWriter> open(rsw::Epochs &epochs) {
+  static std::unique_ptr<rsw::ImWriter> open(rsw::Epochs &epochs, rsw::ArenaLimits limits = {}) {
     std::string reason;
-    std::unique_ptr<rsw::ImWriter> opened = rsw::ImWriter::open(epochs, &reason);
+    std::unique_ptr<rsw::ImWriter> opened = rsw::ImWriter::open(epochs, &reason, limits);
     if (opened == nullptr) throw std::runtime_error(reason);
     return opened;
   }

@@ -239,6 +239,25 @@ TEST(Im, ANewWriterFindsInterfacesIodsAndExtensions) {
   EXPECT_NE(fresh, gone) << "the removed iod rests again from the take-over on";
 }
 
+TEST(Im, AnyNumberOfWritersThatEndAtOnceLeaveRoomForTheNext) {
+  ImRig rig;
+  constexpr uint32_t count = 16000;
+  // None of them lives until what it retired is free. Each gives every interface a new record.
+  for (uint32_t time = 0; time < 50; ++time) {
+    SCOPED_TRACE(time);
+    rig.replace_writer({.quarantine = std::chrono::milliseconds(0)});
+    for (uint32_t ifindex = 1; ifindex <= count; ++ifindex) {
+      rsw::ImInterface changed = interface(ifindex);
+      changed.mtu = 1500 + time;
+      ASSERT_EQ(rig.writer->set(changed), ifindex);
+    }
+    uint32_t iod = 0;
+    ASSERT_EQ(im_get_iod_frm_ifindex(count, &iod), 0u);
+    ASSERT_EQ(iod, count);
+    ASSERT_EQ(lcache_im_get_if_mtu(iod), 1500 + time);
+  }
+}
+
 TEST(Im, SixteenThousandInterfacesComeAndGo) {
   ImRig rig;
   constexpr uint32_t count = 16000;

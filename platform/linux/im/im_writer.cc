@@ -22,6 +22,7 @@
 
 #include "im/im_table.h"
 #include "pt/word_index_writer.h"
+#include "sm/make_room.h"
 
 namespace rsw {
 namespace {
@@ -87,7 +88,7 @@ class Writer final : public ImWriter {
     if (table_->iods_used == 0) fill_word(table_->iods_used, 1);
   }
 
-  void take_over();
+  void take_over(const ArenaLimits &limits);
 
   uint32_t set(const ImInterface &interface) override;
   void remove(uint32_t iod) override;
@@ -137,7 +138,7 @@ class Writer final : public ImWriter {
   Clock::time_point now_;
 };
 
-void Writer::take_over() {
+void Writer::take_over(const ArenaLimits &limits) {
   const uint32_t end = std::min(table_->iods_used, im::iod_limit);
   publish_word(table_->index, 0);  // until the new one stands, readers look through the records
   const uint32_t epoch = epochs_.advance(Domain::database);
@@ -166,6 +167,8 @@ void Writer::take_over() {
     behind = entry->second;
   }
   if (table_->next[0] != behind) publish_word(table_->next[0], behind);
+  // Readers have been led away already: to the records, by the index's word.
+  make_room(*segment_, *arena_, limits, "interfaces are found by a search", [] {});
   index_.fill();
   arena_->retire_unadopted();
 }
@@ -296,18 +299,18 @@ void Writer::tick(Clock::time_point now) {
 
 }  // namespace
 
-std::unique_ptr<ImWriter> ImWriter::open(Epochs &epochs, std::string *reason) {
+std::unique_ptr<ImWriter> ImWriter::open(Epochs &epochs, std::string *reason, ArenaLimits limits) {
   std::shared_ptr<SegmentMap> segment = SegmentMap::create(segment_im, reason);
   if (segment == nullptr) return nullptr;
   const uint32_t base = segment->layout().base;
   if (!segment->grow(base + im::arena_offset, reason)) return nullptr;
   const std::vector<RecordTypeInfo> types = record_types();
   std::unique_ptr<Arena> arena =
-      Arena::open(segment, epochs, Domain::database, im::arena_offset, types, ArenaLimits{}, reason);
+      Arena::open(segment, epochs, Domain::database, im::arena_offset, types, limits, reason);
   if (arena == nullptr) return nullptr;
   Table *table = at_address<Table>(base + im::table_offset);
   auto writer = std::make_unique<Writer>(epochs, segment, std::move(arena), table);
-  if (segment->took_over()) writer->take_over();
+  if (segment->took_over()) writer->take_over(limits);
   publish_word(segment->header()->root, base + im::table_offset);
   return writer;
 }

@@ -35,8 +35,10 @@ struct ImView {
 
 class RSW_EXPORT ImWriter {
  public:
-  // Makes or takes over the table; after a take-over the previous writer's interfaces are in it.
-  static std::unique_ptr<ImWriter> open(Epochs &epochs, std::string *reason);
+  // Makes or takes over the table; after a take-over the previous writer's interfaces are in it. Waits for the
+  // quarantine where what writers left takes too much of the window (sm/make_room.h); all questions are answered
+  // meanwhile.
+  static std::unique_ptr<ImWriter> open(Epochs &epochs, std::string *reason, ArenaLimits limits = {});
   virtual ~ImWriter() = default;
 
   // The iod of that interface: an existing one (same ifindex) is changed, rename included, else a fresh iod is given.

@@ -104,6 +104,7 @@ struct Type {
   std::deque<uint32_t> free;
   uint64_t live = 0;
   uint64_t retired = 0;
+  uint64_t left = 0;
 };
 
 struct Retired {
@@ -270,7 +271,10 @@ void SegmentArena::read_chunks() {
     chunk.type = first.type;
     chunk.states.assign(type.per_chunk, State::unadopted);
     for (uint32_t record = 0; record < type.per_chunk; ++record) {
-      if (marked(type, index, record)) continue;
+      if (marked(type, index, record)) {
+        ++type.left;
+        continue;
+      }
       chunk.states[record] = State::free;
       type.free.push_back(first_chunk_ + index * chunk_bytes + record * type.stride);
     }
@@ -395,6 +399,7 @@ bool SegmentArena::adopt(RecordType number, void *record) {
   State *const state = state_of(number, record);
   if (state == nullptr || *state != State::unadopted) return false;
   *state = State::live;
+  --types_[number].left;
   ++types_[number].live;
   return true;
 }
@@ -406,6 +411,7 @@ void SegmentArena::retire_unadopted() {
       if (chunk.states[record] != State::unadopted) continue;
       chunk.states[record] = State::retired;
       Type &type = types_[chunk.type];
+      --type.left;
       put_in_retirement(type, first_chunk_ + index * chunk_bytes + record * type.stride);
     }
   }
@@ -457,7 +463,7 @@ std::vector<RecordTypeUse> SegmentArena::use() const {
   for (const Type &type : types_) {
     if (type.stride == 0) continue;
     const uint64_t fresh = (type.fresh_end - type.fresh_next) / type.stride;
-    answer.push_back({type.info, type.live, type.retired, type.free.size() + fresh});
+    answer.push_back({type.info, type.live, type.retired, type.free.size() + fresh, type.left});
   }
   return answer;
 }

@@ -42,6 +42,7 @@ struct RecordTypeInfo {
 struct RecordTypeUse {
   RecordTypeInfo info;
   uint64_t live, retired, free;  // records
+  uint64_t left;                 // by earlier writers: given out, and neither adopted nor retired since
 };
 
 struct ArenaLimits {

@@ -13,10 +13,10 @@
 
 #include <algorithm>
 #include <map>
-#include <thread>
 
 #include "log/log_writer.h"
 #include "pt/word_index_writer.h"
+#include "sm/make_room.h"
 #include "urib/attachment.h"
 #include "urib/attribute_store.h"
 #include "urib/trie_writer.h"
@@ -369,31 +369,12 @@ UribUse Writer::use() const {
   return answer;
 }
 
-// Records that an earlier writer has given out, those that it had retired among them: it may have ended before they
-// were free again.
-uint64_t held_bytes(const SegmentMap &segment, const Arena &arena) {
-  uint64_t held = segment.header()->used_end - segment.layout().base;
-  for (const RecordTypeUse &type : arena.use()) held -= std::min<uint64_t>(held, type.free * type.info.size);
-  return held;
-}
-
-// What writers leave that end one soon after the other adds up, and where that has filled the window nobody could start
-// any more. So when what is left is too much to build as much beside it, readers find no routes for a moment.
-void make_room(SegmentMap &segment, Arena &arena, const ArenaLimits &limits) {
-  const uint64_t held = held_bytes(segment, arena);
-  if (held <= segment.layout().size / 2) return;
-  log_line(LOG_WARNING, "%s: earlier processes left %llu MiB of %u: no routes are served until that is free",
-           std::string(segment.layout().name).c_str(), static_cast<unsigned long long>(held >> 20),
-           segment.layout().size >> 20);
+// Until the first commit readers find no routes.
+void withdraw(const SegmentMap &segment) {
   // Release, as all of these words, though nothing stands behind a zero.
   publish_word(segment.header()->root, 0);
   auto &shortcuts = *at_address<Shortcuts>(segment.layout().base + shortcuts_offset);
   for (uint32_t &region : shortcuts.regions) publish_word(region, 0);
-  arena.retire_unadopted();
-  const auto now = std::chrono::steady_clock::now();
-  arena.tick(now);
-  std::this_thread::sleep_for(limits.quarantine);
-  arena.tick(now + limits.quarantine);
 }
 
 }  // namespace
@@ -405,7 +386,7 @@ std::unique_ptr<UribWriter> UribWriter::open(Epochs &epochs, std::string *reason
   const std::vector<RecordTypeInfo> types = urib::record_types();
   std::unique_ptr<Arena> arena = Arena::open(segment, epochs, Domain::urib, urib::arena_offset, types, limits, reason);
   if (arena == nullptr) return nullptr;
-  make_room(*segment, *arena, limits);
+  make_room(*segment, *arena, limits, "no routes are served", [&segment] { withdraw(*segment); });
   auto *directory = static_cast<urib::Directory *>(arena->allocate(urib::directory_type));
   if (directory == nullptr) {
     *reason = std::string(segment->layout().name) + ": no room for a directory of tables";

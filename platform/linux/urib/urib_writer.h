@@ -26,8 +26,8 @@ struct UribUse {
 class RSW_EXPORT UribWriter {
  public:
   // Makes or takes over the segment. After a take-over readers keep seeing what the previous writer left until the
-  // first commit(); but when what writers left takes more than half of the window, they find no routes until then, and
-  // this waits for the quarantine, so that there is room. One per process, with the process's one Epochs, which
+  // first commit(); but where as much again has no room beside it (sm/make_room.h), they find no routes until then, and
+  // this waits for the quarantine. One per process, with the process's one Epochs, which
   // outlives it. Null: *reason says why.
   static std::unique_ptr<UribWriter> open(Epochs &epochs, std::string *reason, ArenaLimits limits = {});
   virtual ~UribWriter() = default;
