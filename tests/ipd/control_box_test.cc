@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
-#include <net/if.h>
 
 #include "ipd/control/live_box.h"
+#include "ipd/kernel_messages.h"
 #include "ipd/process/log.h"
 #include "ipd/recording_publisher.h"
 
@@ -11,32 +11,13 @@ namespace {
 using namespace ipd;
 using namespace ipd::control;
 using namespace ipd::kernel;
+using kernel_messages::address;
+using kernel_messages::link;
+using kernel_messages::link_gone;
 
 constexpr uint32_t a1 = 0x0a000001, a2 = 0x0a000002, b1 = 0x0a010001;
 using Set = std::set<uint32_t>;
 using Loans = std::vector<UnnumberedRule>;
-
-LinkMessage link(uint32_t ifindex, const std::string &name) {
-  LinkMessage message;
-  message.ifindex = ifindex;
-  message.name = name;
-  message.flags = IFF_UP | IFF_RUNNING | IFF_MULTICAST;
-  message.mtu = 1500;
-  message.hardware_address_len = 6;
-  message.hardware_address[5] = static_cast<uint8_t>(ifindex);
-  return message;
-}
-
-LinkMessage link_gone(uint32_t ifindex) {
-  LinkMessage message;
-  message.ifindex = ifindex;
-  message.removed = true;
-  return message;
-}
-
-AddressMessage address(uint32_t ifindex, uint32_t local, bool secondary = false) {
-  return {.ifindex = ifindex, .local = local, .peer = local, .prefix_len = 24, .scope = 0, .secondary = secondary};
-}
 
 class LiveBoxTest : public testing::Test {
  protected:

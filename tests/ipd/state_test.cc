@@ -8,6 +8,7 @@
 #include <functional>
 #include <numeric>
 
+#include "ipd/kernel_messages.h"
 #include "ipd/process/log.h"
 #include "ipd/recording_publisher.h"
 
@@ -15,19 +16,11 @@ namespace {
 
 using namespace ipd;
 using namespace ipd::kernel;
+using kernel_messages::address;
+using kernel_messages::link;
+using kernel_messages::link_gone;
 
 constexpr uint32_t a1 = 0x0a000001, a2 = 0x0a000002, a3 = 0x0a000003, b1 = 0x0a010001;
-
-LinkMessage link(uint32_t ifindex, const std::string &name) {
-  LinkMessage message;
-  message.ifindex = ifindex;
-  message.name = name;
-  message.flags = IFF_UP | IFF_RUNNING | IFF_MULTICAST;
-  message.mtu = 1500;
-  message.hardware_address_len = 6;
-  message.hardware_address[5] = static_cast<uint8_t>(ifindex);
-  return message;
-}
 
 LinkMessage vrf(uint32_t ifindex, const std::string &name, uint32_t table) {
   LinkMessage message = link(ifindex, name);
@@ -40,17 +33,6 @@ LinkMessage in_vrf(uint32_t ifindex, const std::string &name, uint32_t master) {
   LinkMessage message = link(ifindex, name);
   message.master = master;
   return message;
-}
-
-LinkMessage link_gone(uint32_t ifindex) {
-  LinkMessage message;
-  message.ifindex = ifindex;
-  message.removed = true;
-  return message;
-}
-
-AddressMessage address(uint32_t ifindex, uint32_t local, bool secondary = false) {
-  return {.ifindex = ifindex, .local = local, .peer = local, .prefix_len = 24, .scope = 0, .secondary = secondary};
 }
 
 AddressMessage gone(AddressMessage message) {
