@@ -96,6 +96,7 @@ constexpr Fault table[] = {
     {"poll", EINTR},        {"poll", ENOMEM},      {"posix_fallocate", ENOSPC},
     {"recvmsg", EINTR},     {"recvmsg", EAGAIN},   {"recvmsg", ENOMEM},
     {"send", EINTR},        {"send", EAGAIN},      {"send", ENOBUFS},
+    {"sendmsg", EINTR},     {"sendmsg", EAGAIN},   {"sendmsg", ENOBUFS},
     {"setsockopt", ENOMEM}, {"socket", EMFILE},    {"unlinkat", EPERM},
 };
 

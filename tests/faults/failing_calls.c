@@ -25,7 +25,7 @@
 
 #pragma GCC visibility push(default)
 
-static const char *failing_call; /* null: none, or it has failed */
+static const char *failing_call; /* null: none */
 static long calls_left;
 static int error_wanted;
 static int for_ever;
@@ -47,16 +47,18 @@ static void read_environment(void) {
   failing_call = getenv("FAIL_CALL");
 }
 
-/* Programs under test have one thread where it matters which call is the n-th. */
+/* With several threads at a time, which of them makes the n-th call is left to chance. */
 static int fails(const char *name) {
   read_environment();
   if (first_call != NULL) {
     if (strcmp(first_call, name) == 0) first_call = NULL;
     return 0;
   }
-  if (failing_call == NULL || strcmp(failing_call, name) != 0 || --calls_left > 0) return 0;
-  if (!for_ever) failing_call = NULL;
-  if (calls_left < 0) {
+  if (failing_call == NULL || strcmp(failing_call, name) != 0) return 0;
+  /* Relaxed: of several threads one gets each number, and nothing else is told by it. */
+  const long left = __atomic_sub_fetch(&calls_left, 1, __ATOMIC_RELAXED);
+  if (left > 0 || (left < 0 && !for_ever)) return 0;
+  if (left < 0) {
     errno = error_wanted;
     return 1;
   }
