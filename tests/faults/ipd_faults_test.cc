@@ -149,8 +149,8 @@ constexpr Fault table[] = {
     {"open", EINTR},       {"pidfd_open", EMFILE},    {"poll", EINTR},       {"posix_fallocate", ENOSPC},
     {"pwrite", ENOSPC},    {"recvfrom", EINTR},       {"recvmsg", EINTR},    {"recvmsg", ENOBUFS},
     {"recvmsg", EAGAIN},   {"rename", ENOSPC},        {"sendto", EINTR},     {"sendto", ENOBUFS},
-    {"send", EINTR},       {"send", EAGAIN},          {"send", ENOBUFS},     {"setsockopt", EPERM},
-    {"signalfd", EMFILE},  {"socket", EMFILE},        {"unlinkat", EPERM},
+    {"send", EINTR},       {"send", EAGAIN},          {"send", ENOBUFS},     {"getsockopt", ENOBUFS},
+    {"setsockopt", EPERM}, {"signalfd", EMFILE},      {"socket", EMFILE},    {"unlinkat", EPERM},
 };
 
 INSTANTIATE_TEST_SUITE_P(EachCall, IpdFaults, testing::ValuesIn(table),

@@ -22,11 +22,14 @@ void Descriptor::reset() {
   if (fd_ >= 0) close(std::exchange(fd_, -1));
 }
 
-ucred peer_credentials(int socket) {
-  ucred found{-1, ~0u, ~0u};
+const ucred &credentials_of(Connection &connection) {
+  ucred found{};
   socklen_t length = sizeof found;
-  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &found, &length) != 0) found = {-1, ~0u, ~0u};
-  return found;
+  if (connection.credentials.pid == -1 &&
+      getsockopt(connection.socket.get(), SOL_SOCKET, SO_PEERCRED, &found, &length) == 0) {
+    connection.credentials = found;
+  }
+  return connection.credentials;
 }
 
 Clock::duration Patience::left() {

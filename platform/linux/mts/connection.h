@@ -56,14 +56,16 @@ struct Connection {
   uint32_t sap;       // the peer's; of an accepted connection 0 until its first message said so
   const bool from_peer;
   Descriptor socket;
-  ucred credentials{-1, ~0u, ~0u};  // the kernel's word on the peer
+  ucred credentials{-1, ~0u,
+                    ~0u};  // the kernel's word on the peer, as of when the connection was made; pid -1: none yet
   bool connected = false;
   bool alive = true;
   bool sent = false;  // something went out on it: its end is news for a receiver
 };
 
-// The peer's credentials, as of when the connection was made.
-ucred peer_credentials(int socket);
+// The connection's credentials. The kernel is asked for them until it has told: a message is not lost because one
+// question failed.
+const ucred &credentials_of(Connection &connection);
 
 // One datagram out of the parts. 0, or an errno: EAGAIN when the peer's queue had no room in all the time that there is
 // patience for. A signal does not end the wait.

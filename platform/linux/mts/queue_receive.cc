@@ -67,7 +67,7 @@ void Queue::accept_all() {
     }
     const std::shared_ptr<Connection> connection = std::move(accepted_);
     connection->socket = std::move(socket);
-    connection->credentials = peer_credentials(connection->socket.get());
+    (void)credentials_of(*connection);
     connection->connected = true;
     connections_.push_back(connection);
     count(&SapRecord::connections);
@@ -110,7 +110,7 @@ bool Queue::take_datagram(const std::shared_ptr<Connection> &connection, size_t 
   if (!well_formed(header, length, connection->from_peer)) return false;
   if (connection->from_peer && connection->sap == 0) {
     // Who has hung up gave its SAP back before, and the next one to have it may be another user.
-    if (!may_send_from(bound_.directory.get(), header.sap, connection->credentials) &&
+    if (!may_send_from(bound_.directory.get(), header.sap, credentials_of(*connection)) &&
         !has_hung_up(connection->socket.get())) {
       return false;
     }

@@ -60,7 +60,7 @@ int Queue::connection_to(uint32_t sap, Patience *patience, std::unique_lock<std:
   lock.lock();
   if (is_closed_) return EBADF;
   if (error == 0) {
-    fresh->credentials = peer_credentials(fresh->socket.get());
+    (void)credentials_of(*fresh);
     if (!watch(fresh->socket.get(), fresh->id, EPOLLIN)) error = errno;
   }
   if (error != 0) {
@@ -108,7 +108,7 @@ int Queue::send_once(uint32_t sap, const OutMessage &message, Patience *patience
   if (const int error = open(); error != 0) return error;
   std::shared_ptr<Connection> connection;
   if (const int error = connection_to(sap, patience, lock, &connection); error != 0) return error;
-  if (message.process >= 0 && connection->credentials.pid != message.process) {
+  if (message.process >= 0 && credentials_of(*connection).pid != message.process) {
     // It may be the one to which the SAP belonged before.
     *peer_gone = has_hung_up(connection->socket.get());
     if (*peer_gone) {
