@@ -23,6 +23,7 @@
 #include "tsp.h"
 #include "tsp/epochs.h"
 #include "tsp/reader_locks.h"
+#include "tsp/slots.h"
 
 namespace {
 
@@ -327,6 +328,33 @@ TEST_F(ReaderLock, ReaderStoppedInsideDoesNotBlockTheWriterAndCanBeOverruled) {
   reader.process().signal(SIGCONT);
   reader.leave();
   EXPECT_TRUE(passes_now());
+}
+
+// A process writes its slot itself, and may write there whatever it wants.
+TEST_F(ReaderLock, AnEpochThatClaimsToBeAnotherLocksIsOverruledAllTheSame) {
+  tsp_lock_acquire_rdlock(lock_);
+  const uint32_t epoch = epochs_->advance(Domain::database);
+  auto holders = epochs_->holders(Domain::database, epoch);
+  ASSERT_EQ(holders.size(), 1u);
+  rsw::slot_at(holders[0].slot).epoch[0] ^= 1u << rsw::epoch_lock_shift;
+  holders = epochs_->holders(Domain::database, epoch);
+  ASSERT_EQ(holders.size(), 1u);
+  epochs_->overrule(holders[0]);
+  EXPECT_TRUE(epochs_->passed(Domain::database, epoch));
+  tsp_lock_release_rdlock(lock_);
+}
+
+TEST_F(ReaderLock, OneThatIsOverruledCannotHoldTheWriterUpWithOtherOldEpochs) {
+  tsp_lock_acquire_rdlock(lock_);
+  const uint32_t epoch = epochs_->advance(Domain::database);
+  const auto holders = epochs_->holders(Domain::database, epoch);
+  ASSERT_EQ(holders.size(), 1u);
+  epochs_->overrule(holders[0]);
+  for (uint32_t older = 1; older < 5; ++older) {
+    rsw::slot_at(holders[0].slot).epoch[0] = holders[0].epoch - older * rsw::epoch_step;
+    EXPECT_TRUE(passes_now()) << older;
+  }
+  tsp_lock_release_rdlock(lock_);
 }
 
 TEST_F(ReaderLock, WriterKilledDoesNotBlockReaders) {

@@ -25,8 +25,12 @@ class SimulatedEpochs final : public rsw::Epochs {
     std::vector<rsw::EpochHolder> answer;
     for (size_t reader = 0; reader < held_.size(); ++reader) {
       if (held_[reader] == 0 || held_[reader] >= epoch) continue;
-      rsw::EpochHolder holder{
-          .slot = static_cast<uint32_t>(reader), .pid = 4242, .tid = 4243, .command = {}, .epoch = held_[reader]};
+      rsw::EpochHolder holder{.slot = static_cast<uint32_t>(reader),
+                              .pid = 4242,
+                              .tid = 4243,
+                              .command = {},
+                              .epoch = held_[reader],
+                              .domain = rsw::Domain::database};
       strcpy(holder.command, "stuckd");
       answer.push_back(holder);
     }

@@ -38,10 +38,13 @@ constexpr uint32_t slots_swept_at_a_time = 256;
 
 struct LockState {
   uint32_t current = 0;
-  uint32_t fenced = 0;                               // the newest epoch that a barrier came after
-  uint32_t passed_until = 0;                         // every epoch up to here has passed
-  uint32_t blocking_slot = 0;                        // where the last look ended: it most likely ends there again
-  std::unordered_map<uint32_t, uint32_t> overruled;  // slot to the epoch it may hold for ever
+  uint32_t fenced = 0;         // the newest epoch that a barrier came after
+  uint32_t passed_until = 0;   // every epoch up to here has passed
+  uint32_t blocking_slot = 0;  // where the last look ended: it most likely ends there again
+  // Slot to an epoch: whatever it holds from before that does not count. A slot is its owner's to write, and one that
+  // held another old epoch each time we look would otherwise hold everything up for ever. An owner that enters again
+  // takes the current epoch or a later one, and counts.
+  std::unordered_map<uint32_t, uint32_t> overruled;
 };
 
 uint32_t slots_in_use() {
@@ -135,7 +138,7 @@ bool SlotEpochs::holds_up(uint32_t lock, uint32_t index, uint32_t epoch, uint32_
   if (!is_before(*held, epoch)) return false;
   const auto overruled = locks_[lock].overruled.find(index);
   if (overruled != locks_[lock].overruled.end()) {
-    if (overruled->second == *held) {
+    if (is_before(*held, overruled->second)) {
       *held = 0;
       return false;
     }
@@ -187,6 +190,7 @@ std::vector<EpochHolder> SlotEpochs::holders(Domain domain, uint32_t epoch) {
   const uint32_t lock = static_cast<uint32_t>(domain) - 1;
   for (uint32_t index = 0; index < slots_in_use(); ++index) {
     EpochHolder holder{};
+    holder.domain = domain;
     if (!holds_up(lock, index, epoch, &holder.epoch)) continue;
     Slot &slot = slot_at(index);
     holder.slot = index;
@@ -201,7 +205,8 @@ std::vector<EpochHolder> SlotEpochs::holders(Domain domain, uint32_t epoch) {
 }
 
 void SlotEpochs::overrule(const EpochHolder &holder) {
-  locks_[(holder.epoch >> epoch_lock_shift) & 1u].overruled[holder.slot] = holder.epoch;
+  LockState &mine = state(holder.domain);
+  mine.overruled[holder.slot] = mine.current;
 }
 
 }  // namespace

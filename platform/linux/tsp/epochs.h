@@ -26,6 +26,7 @@ struct EpochHolder {  // a reader that holds an epoch
   int32_t tid;
   char command[16];
   uint32_t epoch;
+  Domain domain;  // that was asked about: of the epoch, every bit is the holder's own word
 };
 
 struct EpochClient {  // a process that has slots
