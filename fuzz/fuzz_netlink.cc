@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Datagrams of any bytes through the rtnetlink parser into the mirror: several in a row, as events and as answers to
-// dumps. Each lies in memory of exactly its size, so that one byte read too much is seen.
+// Datagrams of any bytes through the rtnetlink parsers: into the mirror, several in a row, as events and as answers to
+// dumps; and as the one answer to a question about a route, a neighbor or counters. Each lies in memory of exactly its
+// size, so that one byte read too much is seen.
 #include <stdlib.h>
 
 #include <algorithm>
@@ -10,10 +11,13 @@
 #include <memory>
 
 #include "ipd/kernel/groups.h"
+#include "ipd/kernel/interface_counters.h"
 #include "ipd/kernel/mirror.h"
 #include "ipd/kernel/multicast_parse.h"
+#include "ipd/kernel/neighbors.h"
 #include "ipd/kernel/parse.h"
 #include "ipd/kernel/picture.h"
+#include "ipd/kernel/route_query.h"
 
 namespace {
 
@@ -42,6 +46,26 @@ struct Multicast final : ipd::kernel::MulticastSink {
 
   ipd::kernel::Groups groups;
 };
+
+// The readers of one answer at a time. Each takes the message for the one that it asked for, or says that it is none.
+void read_answers(std::span<const std::byte> bytes) {
+  constexpr uint32_t most_sequences = 4, most_interfaces = 4;
+  if (const auto neighbor = ipd::kernel::parse_neighbor(bytes); neighbor) {
+    if (neighbor->id.addr == 0 || neighbor->id.ifindex == 0) abort();
+  }
+  if (const auto route = ipd::kernel::parse_route_answer(bytes); route && route->ifindex == 0) abort();
+  for (uint32_t sequence = 0; sequence < most_sequences; ++sequence) {
+    for (uint32_t ifindex = 1; ifindex < most_interfaces; ++ifindex) {
+      rtnl_link_stats64 counters;
+      std::memset(&counters, 0xa5, sizeof counters);
+      const rtnl_link_stats64 untouched = counters;
+      const auto error = ipd::kernel::parse_interface_counters(bytes, sequence, ifindex, &counters);
+      if (error && *error < 0) abort();
+      const bool has_counters = error && *error == 0;
+      if (!has_counters && std::memcmp(&counters, &untouched, sizeof counters) != 0) abort();
+    }
+  }
+}
 
 struct Answered final : ipd::kernel::Requests {
   bool request_dump(ipd::kernel::DumpOf, uint32_t) override { return true; }
@@ -79,6 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (length > 0) memcpy(datagram.get(), data + 2, length);
     ipd::kernel::parse({datagram.get(), length}, mirror);
     ipd::kernel::parse_multicast({datagram.get(), length}, multicast);
+    read_answers({datagram.get(), length});
     ipd::kernel::parse_igmp({reinterpret_cast<const char *>(datagram.get()), length},
                             [&multicast](const auto &message) { multicast.group(0, message); });
     if ((then & 1) != 0) mirror.drained(now);

@@ -31,6 +31,9 @@ class OtherUsers : public testing::WithParamInterface<Users>, public IpdTest {
   void SetUp() override {
     IpdTest::SetUp();
     give_to(run_directory_.path(), users().ipd);
+    start_as_its_user();
+  }
+  void start_as_its_user() {
     std::vector<std::string> command = as_user(users().ipd, users().ipd, the_units);
     for (const std::string &word : ipd_command({"--foreground"})) command.push_back(word);
     ipd_ = Process(command);
@@ -40,14 +43,12 @@ class OtherUsers : public testing::WithParamInterface<Users>, public IpdTest {
   [[nodiscard]] static const Users &users() { return GetParam(); }
   [[nodiscard]] std::string file(const std::string &name) const { return run_directory_.path() + "/" + name; }
 
-  // The exit status of a stranger that does this; 100: it could not become one.
-  static int as_stranger(const std::function<int()> &body) {
-    Process stranger([&body] {
-      const uid_t user = users().stranger;
-      return setgid(user) == 0 && setuid(user) == 0 ? body() : 100;
-    });
-    return stranger.wait(deadline);
+  // The exit status of somebody who does this; 100: it could not become that user.
+  static int as(uid_t user, gid_t group, const std::function<int()> &body) {
+    Process somebody([&] { return setgid(group) == 0 && setuid(user) == 0 ? body() : 100; });
+    return somebody.wait(deadline);
   }
+  static int as_stranger(const std::function<int()> &body) { return as(users().stranger, users().stranger, body); }
   // The error of opening it so; 0: none.
   static int error_of_opening(const std::string &path, int flags) {
     const int descriptor = open(path.c_str(), flags | O_CLOEXEC);
@@ -135,12 +136,24 @@ TEST_P(OtherUsers, CannotSwitchTheSystemToStandby) {
             1);
 }
 
+int ask() {
+  if (ip_shm_api_init() == nullptr) return 101;
+  return ip_is_addr_local("default", 0x7f000001) != 0 ? 0 : 102;
+}
+
 TEST_P(OtherUsers, MayAskAllTheSame) {
-  EXPECT_EQ(as_stranger([] {
-              if (ip_shm_api_init() == nullptr) return 101;
-              return ip_is_addr_local("default", 0x7f000001) != 0 ? 0 : 102;
-            }),
-            0);
+  EXPECT_EQ(as_stranger(ask), 0);
+}
+
+// Where strangers are not to reach even what every client writes.
+TEST_P(OtherUsers, ReachNothingInADirectoryThatIsForAGroup) {
+  ipd_.kill_now();
+  ASSERT_EQ(chmod(run_directory_.path().c_str(), 0750), 0);
+  ASSERT_NO_FATAL_FAILURE(start_as_its_user());
+  for (const char *name : {"tsp", "mtrack", "ip", "mts/263"}) {
+    EXPECT_EQ(as_stranger([&] { return access(file(name).c_str(), F_OK) == 0 ? 0 : errno; }), EACCES) << name;
+  }
+  EXPECT_EQ(as(users().member, users().ipd, ask), 0);
 }
 
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(OtherUsers);
