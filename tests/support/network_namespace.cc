@@ -12,16 +12,43 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace test_support {
 namespace {
 
-bool write_file(const char *path, const std::string &text) {
-  const int fd = open(path, O_WRONLY | O_CLOEXEC);
+bool write_file(const std::string &path, const std::string &text) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
   if (fd < 0) return false;
   const bool done = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   close(fd);
   return done;
+}
+
+// A new namespace begins with what the administrator of this machine has set for the first one. These are the kernel's
+// own values, so that a test finds the same on each machine. Forwarding is the first one: it changes others.
+void take_the_kernels_settings() {
+  constexpr std::pair<const char *, const char *> settings[] = {
+      {"forwarding", "0"},          {"accept_local", "0"},
+      {"accept_redirects", "1"},    {"arp_accept", "0"},
+      {"arp_announce", "0"},        {"arp_filter", "0"},
+      {"arp_ignore", "0"},          {"arp_notify", "0"},
+      {"bc_forwarding", "0"},       {"bootp_relay", "0"},
+      {"drop_gratuitous_arp", "0"}, {"drop_unicast_in_l2_multicast", "0"},
+      {"force_igmp_version", "0"},  {"ignore_routes_with_linkdown", "0"},
+      {"log_martians", "0"},        {"promote_secondaries", "0"},
+      {"proxy_arp", "0"},           {"proxy_arp_pvlan", "0"},
+      {"route_localnet", "0"},      {"rp_filter", "0"},
+      {"secure_redirects", "1"},    {"send_redirects", "1"},
+      {"shared_media", "1"},        {"src_valid_mark", "0"},
+  };
+  const std::string root = "/proc/sys/net/ipv4/conf/";
+  for (const char *of : {"all", "default", "lo"}) {
+    // Where one cannot be written, the kernel does not have it, or the test is about to say what it lacks.
+    for (const auto &[name, value] : settings) (void)write_file(root + of + "/" + name, value);
+  }
+  (void)write_file(root + "all/accept_source_route", "0");
+  for (const char *of : {"default", "lo"}) (void)write_file(root + of + "/accept_source_route", "1");
 }
 
 }  // namespace
@@ -29,7 +56,10 @@ bool write_file(const char *path, const std::string &text) {
 bool enter_network_namespace(std::string *reason) {
   const uid_t uid = geteuid();
   const gid_t gid = getegid();
-  if (uid == 0 && unshare(CLONE_NEWNET) == 0) return true;
+  if (uid == 0 && unshare(CLONE_NEWNET) == 0) {
+    take_the_kernels_settings();
+    return true;
+  }
   if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
     *reason = std::string("unshare: ") + strerror(errno);
     return false;
@@ -40,6 +70,7 @@ bool enter_network_namespace(std::string *reason) {
     *reason = std::string("user id map: ") + strerror(errno);
     return false;
   }
+  take_the_kernels_settings();
   return true;
 }
 

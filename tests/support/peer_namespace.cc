@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/peer_namespace.h"
 
-#include <sched.h>
+#include <fcntl.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <stdexcept>
 
+#include "support/network_namespace.h"
 #include "support/run_directory.h"
 
 namespace test_support {
@@ -21,21 +21,23 @@ std::string failure(const std::vector<std::string> &command, const std::string &
   return status == 0 ? std::string() : "ip " + words + ": " + std::to_string(status) + " " + output;
 }
 
-int hold_namespace() {
-  if (unshare(CLONE_NEWNET) != 0) return 1;
+// Says when it is there.
+int hold_namespace(int ready) {
+  std::string reason;
+  if (!enter_network_namespace(&reason) || write(ready, "", 1) != 1) return 1;
   for (;;) pause();
-}
-
-std::string namespace_of(const std::string &process) {
-  std::error_code gone;
-  return std::filesystem::read_symlink("/proc/" + process + "/ns/net", gone).string();
 }
 
 }  // namespace
 
-PeerNamespace::PeerNamespace() : holder_(hold_namespace) {
-  const std::string own = namespace_of("self");
-  const bool made = wait_until([&] { return namespace_of(id()) != own || !holder_.running(); });
+PeerNamespace::PeerNamespace() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) throw std::runtime_error("pipe2");
+  holder_ = Process([&ends] { return hold_namespace(ends[1]); });
+  char byte = 0;
+  const bool made = wait_until([&] { return read(ends[0], &byte, 1) == 1 || !holder_.running(); });
+  close(ends[0]);
+  close(ends[1]);
   if (!made || !holder_.running()) throw std::runtime_error("cannot make a network namespace for a peer");
   if (const std::string problem = ip("link set lo up"); !problem.empty()) throw std::runtime_error(problem);
 }
