@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The shared pool in one process and between processes: what is whose, and what is back when somebody dies.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -9,6 +11,8 @@
 #include <thread>
 
 #include "pool_rig.h"
+#include "standard_error.h"
+#include "support/network_namespace.h"
 
 namespace {
 
@@ -95,6 +99,27 @@ TEST_F(Pool, AllBuffersCanBeTakenAndThenThereIsNone) {
   EXPECT_EQ(now.in_use, 0u);
   EXPECT_EQ(now.damaged, 0u);
   EXPECT_EQ(now.high_water, now.total);
+}
+
+TEST_F(Pool, WithoutStorageForMoreThereAreThoseThatHaveItAndALineSaysWhy) {
+  rsw::mbuf_leave();
+  const std::string small = directory_.path() + "/small";
+  ASSERT_EQ(mkdir(small.c_str(), 0755), 0);
+  const int status = in_child([&small] {
+    std::string reason;
+    if (!test_support::enter_network_namespace(&reason) || unshare(CLONE_NEWNS) != 0) return 101;
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return 102;
+    if (mount("none", small.c_str(), "tmpfs", 0, "size=4m") != 0) return 103;
+    setenv("RSW_RUN_DIR", small.c_str(), 1);
+    if (!rsw::mbuf_open_for_writing(&reason)) return 104;
+    uint32_t count = 0;
+    const std::string said = test_support::standard_error_of([&count] {
+      while (rsw::take_buffer() != nullptr) ++count;
+    });
+    if (count == 0 || count >= rsw::pool::buffer_limit) return 105;
+    return said.find("no storage for more of them: No space left on device\n") != std::string::npos ? 0 : 106;
+  });
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(Pool, AThreadsEndGivesItsGroupsBack) {

@@ -85,7 +85,8 @@ bool claim(uint32_t number, uint32_t holder) {
 bool give_storage(uint32_t number) {
   void *const start = buffer_at(number, 0);
   if (madvise(start, group_bytes, MADV_POPULATE_WRITE) == 0) return true;
-  int error = errno;
+  // EFAULT: touching it would have been a SIGBUS, because the file system is full.
+  int error = errno == EFAULT ? ENOSPC : errno;
   if (error == EINVAL) {
     const std::shared_ptr<SegmentMap> map = unless_without_memory(std::shared_ptr<SegmentMap>(), [] {
       std::string reason;
