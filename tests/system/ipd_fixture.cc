@@ -2,6 +2,7 @@
 #include "ipd_fixture.h"
 
 #include <net/if.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -87,6 +88,8 @@ void IpdTest::write_configuration(const std::string &text) {
   std::ofstream file(configuration_file());
   file << text << std::flush;
   ASSERT_TRUE(file.good());
+  // As an installed one, whatever the mask of whoever started the tests: ipd may be another user.
+  ASSERT_EQ(chmod(configuration_file().c_str(), 0644), 0);
 }
 
 }  // namespace ipd_test

@@ -16,6 +16,7 @@
 #include "im.h"
 #include "ip_api.h"
 #include "ipd_fixture.h"
+#include "support/public_program.h"
 #include "system_pictures.h"
 
 namespace {
@@ -108,9 +109,8 @@ TEST_F(IpdLifeTest, ASecondOneOnTheSameRunDirectoryIsRefusedByName) {
   std::string output;
   for (const char *way : {"--foreground", "--once"}) {
     EXPECT_EQ(finished({way}, &output), 3);
-    EXPECT_EQ(output,
-              "ipd: another ipd (process " + std::to_string(ipd_.pid()) + ") runs on " + run_directory_.path() +
-                  "; stop that one, or give this one a run directory of its own (--run-dir)\n");
+    EXPECT_EQ(output, "ipd: another ipd (process " + std::to_string(ipd_.pid()) + ") runs on " + run_directory_.path() +
+                          "; stop that one, or give this one a run directory of its own (--run-dir)\n");
   }
   EXPECT_EQ(finished({}, &output), 3) << "as a daemon too";
   EXPECT_EQ(finished({"--remove"}, &output), 3);
@@ -319,7 +319,10 @@ TEST_F(IpdLifeTest, NeedsNoPrivilege) {
   trial.emplace_back("true");
   std::vector<std::string> command;
   if (test_support::run(trial) == 0) command = become;
-  for (const std::string &word : ipd_command({"--foreground", "--run-dir", directory})) command.push_back(word);
+  for (const std::string &word : test_support::public_program(ipd_command({}).front())) command.push_back(word);
+  for (const std::string &word : {std::string("--foreground"), std::string("--run-dir"), directory}) {
+    command.push_back(word);
+  }
   ipd_ = test_support::Process(command);
   ASSERT_TRUE(wait_until([this] { return ipd_said("live:") || !ipd_.running(); })) << ipd_.output();
   ASSERT_TRUE(ipd_.running()) << ipd_.output();

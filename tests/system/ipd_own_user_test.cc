@@ -39,7 +39,7 @@ class IpdOwnUser : public testing::WithParamInterface<Users>, public IpdTest {
   void start(const std::string &capabilities, const std::string &configuration = "{}") {
     write_configuration(configuration);
     Words command = as_user(users().ipd, users().ipd, capabilities);
-    for (const std::string &word : ipd_command({"--foreground", "--config", configuration_file()})) {
+    for (const std::string &word : runnable(ipd_command({"--foreground", "--config", configuration_file()}))) {
       command.push_back(word);
     }
     ipd_ = Process(command);
@@ -53,7 +53,7 @@ class IpdOwnUser : public testing::WithParamInterface<Users>, public IpdTest {
   // A member of ipd's group and no more.
   [[nodiscard]] Process member(const Words &steps) const {
     Words command = as_user(users().member, users().ipd, "-all");
-    command.insert(command.end(), steps.begin(), steps.end());
+    for (const std::string &word : runnable(steps)) command.push_back(word);
     return Process(command);
   }
   [[nodiscard]] std::string its_group() const {

@@ -42,8 +42,9 @@ struct Diagnosed {
 };
 
 // Runs the doctor, perhaps behind another command, such as env(1), that runs it.
-inline Diagnosed diagnosed(std::vector<std::string> before = {}) {
-  for (const char *word : {IPSH, "doctor", "--json"}) before.emplace_back(word);
+inline Diagnosed diagnosed(std::vector<std::string> before = {}, const std::vector<std::string> &ipsh = {IPSH}) {
+  before.insert(before.end(), ipsh.begin(), ipsh.end());
+  for (const char *word : {"doctor", "--json"}) before.emplace_back(word);
   const Outcome outcome = run_command(before);
   Diagnosed diagnosed{.exit_code = outcome.exit_code, .text = outcome.out + outcome.err, .json = {}};
   diagnosed.json = nlohmann::json::parse(outcome.out, nullptr, false);

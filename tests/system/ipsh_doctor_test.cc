@@ -16,6 +16,7 @@
 #include "ipsh_diagnosed.h"
 #include "ipsh_schema_problems.h"
 #include "mts.h"
+#include "support/public_program.h"
 #include "tsp.h"
 
 namespace {
@@ -126,10 +127,11 @@ TEST_F(IpshDoctor, SaysWhatAnotherUserMay) {
   if (!may_become_another_user()) return;  // nobody but root can be somebody else
   write_configuration(R"({"read_group": "0"})");
   start_ipd({"--config", configuration_file()});
-  const Diagnosed outside = diagnosed(another_user);
+  const std::vector<std::string> ipsh = test_support::public_program(IPSH);
+  const Diagnosed outside = diagnosed(another_user, ipsh);
   EXPECT_ROW(outside, "run directory", "failed", "Permission denied", "chmod 0755 " + run_directory_.path());
   ASSERT_EQ(chmod(run_directory_.path().c_str(), 0755), 0);
-  const Diagnosed inside = diagnosed(another_user);
+  const Diagnosed inside = diagnosed(another_user, ipsh);
   EXPECT_EQ(inside.exit_code, 0) << inside.text;
   EXPECT_ROW(inside, "rights", "warning", "user 65534 may read what is published, and not ask ipd", "read_group");
   EXPECT_EQ(inside.finding("segment mbuf", "ok"), "not for this user, who may not send packets");

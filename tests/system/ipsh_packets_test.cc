@@ -16,6 +16,7 @@
 #include "ipd_fixture.h"
 #include "ipsh_fixture.h"
 #include "mts.h"
+#include "support/public_program.h"
 
 namespace {
 
@@ -257,7 +258,8 @@ TEST_F(IpshPackets, WhoMayNotSendIsToldSo) {
   const bool another_user = ipsh_test::run_command(command).exit_code == 0;
   command.pop_back();
   if (!another_user) command.clear();
-  for (const char *word : {IPSH, "ping", "192.0.2.1", "-c", "1", "-W", "0.1"}) command.emplace_back(word);
+  for (const std::string &word : test_support::public_program(IPSH)) command.push_back(word);
+  for (const char *word : {"ping", "192.0.2.1", "-c", "1", "-W", "0.1"}) command.emplace_back(word);
   const Outcome outcome = ipsh_test::run_command(command);
   EXPECT_EQ(outcome.exit_code, another_user ? 4 : 1) << outcome.err;
   EXPECT_EQ(outcome.err, another_user

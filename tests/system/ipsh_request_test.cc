@@ -12,6 +12,7 @@
 #include "ip_msg.h"
 #include "ipsh_fixture.h"
 #include "support/process.h"
+#include "support/public_program.h"
 
 namespace ipsh_test {
 namespace {
@@ -161,7 +162,8 @@ TEST_F(IpshRequest, AUserWhoIsRefusedHearsWhoMay) {
   const bool another_user = run_command(command).exit_code == 0;
   command.pop_back();
   if (!another_user) command.clear();
-  for (const char *word : {IPSH, "join", "239.1.1.1", "--interface", "eth0"}) command.emplace_back(word);
+  for (const std::string &word : test_support::public_program(IPSH)) command.push_back(word);
+  for (const char *word : {"join", "239.1.1.1", "--interface", "eth0"}) command.emplace_back(word);
   const Outcome outcome = run_command(command);
   EXPECT_EQ(outcome.exit_code, another_user ? 4 : 3) << outcome.err;
   EXPECT_EQ(outcome.err, std::string("ipsh: join: ipd refused it: 239.1.1.1 on eth0 (iod 2); ") +

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "support/public_program.h"
+
 namespace other_users {
 
 struct Users {
@@ -36,6 +38,13 @@ inline std::vector<std::string> as_user(uid_t user, gid_t group, const std::stri
           "--inh-caps=" + capabilities,
           "--ambient-caps=" + capabilities,
           "--bounding-set=" + capabilities};
+}
+
+// A command line, the first word of which is a program of the build, as other users can run it.
+inline std::vector<std::string> runnable(const std::vector<std::string> &command) {
+  std::vector<std::string> words = test_support::public_program(command.front());
+  words.insert(words.end(), command.begin() + 1, command.end());
+  return words;
 }
 
 inline void give_to(const std::string &directory, uid_t user) {

@@ -35,7 +35,7 @@ class OtherUsers : public testing::WithParamInterface<Users>, public IpdTest {
   }
   void start_as_its_user() {
     std::vector<std::string> command = as_user(users().ipd, users().ipd, the_units);
-    for (const std::string &word : ipd_command({"--foreground"})) command.push_back(word);
+    for (const std::string &word : runnable(ipd_command({"--foreground"}))) command.push_back(word);
     ipd_ = Process(command);
     ASSERT_TRUE(wait_until([this] { return ipd_said("live:") || !ipd_.running(); }, deadline)) << ipd_.output();
     ASSERT_TRUE(ipd_.running()) << ipd_.output();
@@ -127,8 +127,8 @@ TEST_P(OtherUsers, CannotStopIpd) {
 }
 
 TEST_P(OtherUsers, CannotSwitchTheSystemToStandby) {
-  EXPECT_EQ(as_stranger([this] {
-              std::vector<std::string> words{IPSH, "system", "standby"};
+  const std::vector<std::string> words = runnable({IPSH, "system", "standby"});
+  EXPECT_EQ(as_stranger([&words] {
               std::string said;
               const int status = test_support::run(words, &said);
               return status == 0 ? 0 : said.find("ermission denied") == std::string::npos ? 101 : 1;

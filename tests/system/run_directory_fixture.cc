@@ -15,6 +15,7 @@
 
 #include "ip_api.h"
 #include "mts.h"
+#include "other_users.h"
 
 namespace run_directory_test {
 
@@ -77,7 +78,10 @@ void RunDirectoryTest::use(const std::string &directory) {
 std::string RunDirectoryTest::refused(const std::string &directory, int status,
                                       const std::vector<std::string> &before) {
   std::vector<std::string> command = before;
-  for (const std::string &word : ipd_command({"--foreground", "--run-dir", directory})) command.push_back(word);
+  std::vector<std::string> ipds = ipd_command({"--foreground", "--run-dir", directory});
+  // As another user, perhaps.
+  if (!before.empty()) ipds = other_users::runnable(ipds);
+  command.insert(command.end(), ipds.begin(), ipds.end());
   Process ipd(command);
   EXPECT_EQ(ipd.wait(patience), status) << ipd.output();
   return ipd.output();
