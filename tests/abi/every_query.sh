@@ -4,6 +4,7 @@
 # Does HEADER, which asks every question that follows words of the shared segments, ask each question of EXPORTS? Those
 # exempt here look at their arguments alone, or at the process.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 exports=$1
 header=$2
 questions='(ip_(get|is|check|find|allow|calc|urib|update)_.*|ip_enabled|ip_forward_enabled|ip_print_addr_summary|is_fwd_enabled_spl_iod)'

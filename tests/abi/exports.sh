@@ -4,6 +4,7 @@
 # Do the dynamic symbols of LIBRARY equal the list in EXPORTS, name for name and kind for kind; does every object have a
 # size, without which a program that holds a copy of it would get an empty one; do the catalogue's records ascend?
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 library=$1
 exports=$2
 work=$(mktemp -d)

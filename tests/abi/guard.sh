@@ -3,6 +3,7 @@
 # usage: guard.sh STORED ip|rsw LIBRARY SOURCE_DIRECTORY COMPILER [FLAG...]
 # Is what a program relies on still what STORED says?
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 stored=$1
 shift
 now=$(mktemp)

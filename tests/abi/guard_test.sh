@@ -4,6 +4,7 @@
 # The guard of libip's interface, with a library or headers that differ a little from LIBRARY and SOURCE_DIRECTORY: it has to
 # fail, and to name what changed.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 case=$1 library=$2 source=$3
 shift 3
 here=$(cd "$(dirname "$0")" && pwd)

@@ -4,6 +4,7 @@
 # Does each header compile alone, twice, and together with the others in every rotation of the list, forward and backward,
 # with each compiler (its language and width are part of its words), all warnings being errors?
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 includes=()
 IFS=, read -ra directories <<< "$1"
 for directory in "${directories[@]}"; do includes+=(-I "$directory"); done

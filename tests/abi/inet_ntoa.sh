@@ -4,6 +4,7 @@
 # A C program calls inet_ntoa(struct in_addr) as <arpa/inet.h> declares it. Linked with LIBRARY, and also when the library is
 # only loaded in front of a program that was linked without it, the library's definition must serve, with the right text.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 here=$(dirname "$(readlink -f "$0")")
 library=$1
 shift

@@ -9,6 +9,7 @@
 # have to be of ten times its size, and depends on what an optimizer left. LIBRARY's definitions have these types, since
 # its sources include the headers. A name that no header declares does not compile.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 which=$1 library=$(realpath "$2") source=$(realpath "$3") compiler=$4
 shift 4
 work=$(mktemp -d)

@@ -4,6 +4,7 @@
 # Does a definition that is put in front of an exported function take effect inside LIBRARY as well? ip_address_martian asks
 # ip_prefix_martian, ip_get_broadcast_address and ip_is_addr_in_prefix ask ip_bits2mask: each must change with its inner one.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 here=$(dirname "$(readlink -f "$0")")
 library=$1
 shift

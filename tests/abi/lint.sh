@@ -3,6 +3,7 @@
 # usage: lint.sh CLANG_TIDY CPPCHECK BUILD_DIRECTORY SOURCE_DIRECTORY
 # Are the library's sources clean for both tools, as .clang-tidy and .cppcheck-suppressions set them up?
 set -u -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 tidy=$1
 cppcheck=$2
 build=$3

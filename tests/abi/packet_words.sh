@@ -4,6 +4,7 @@
 # Does the document name each record of a packet message, each of its members that has a meaning, each flag, and each
 # outcome?
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 header=$1 document=$2 outcomes=$3
 # Records with members, one "record member" a line; reserved bytes mean nothing.
 members() {

@@ -4,6 +4,7 @@
 # Builds into OUTPUT a shared library that defines every name which LIBRARY leaves to the platform, as a function that does
 # nothing: enough to load LIBRARY and to call what needs no platform.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 library=$1
 output=$2
 shift 2

@@ -4,6 +4,7 @@
 # Are the undefined symbols of LIBRARY names that the headers in CONTRACT_DIRECTORY declare, or the C and C++ runtime's?
 # Another platform can be put under the library exactly as long as this holds.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 library=$1
 contract=$2
 work=$(mktemp -d)

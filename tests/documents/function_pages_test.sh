@@ -3,6 +3,7 @@
 # usage: function_pages_test.sh SOURCE_DIRECTORY PYTHON CASE
 # The manual pages that are made from the headers: complete, well-formed, and refused where a header is silent.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 source=$1
 python=$2
 case=$3

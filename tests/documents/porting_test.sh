@@ -4,6 +4,7 @@
 # Does docs/porting.md name every name that the library leaves to its platform, every header of the contract, and no test
 # that is not there?
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 source=$1
 library=$2
 page=$source/docs/porting.md

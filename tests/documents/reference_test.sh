@@ -3,6 +3,7 @@
 # usage: reference_test.sh SOURCE_DIRECTORY DOXYFILE CASE
 # The HTML reference: made without a warning, with what the headers and the documents say; and a warning fails.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 source=$1
 doxyfile=$2
 case=$3

@@ -5,6 +5,7 @@
 # "sh" blocks run in their order in one shell, and each prints what stands in the "text" block that follows it. The
 # installed tree, a namespace, and who ends what was left running are the test's.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 source=$1
 build=$2
 work=$(mktemp -d)

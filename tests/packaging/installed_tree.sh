@@ -3,6 +3,7 @@
 # usage: installed_tree.sh PkgConfig|FindPackage BUILD_DIRECTORY SOURCE_DIRECTORY COMPILER [FLAG...]
 # Installs the libraries, moves the tree, and builds and runs a client with nothing but what a stranger would have.
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 way=$1
 build=$2
 source=$3

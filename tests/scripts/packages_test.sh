@@ -4,6 +4,7 @@
 # packages_test.sh SOURCE_DIRECTORY CASE: one behaviour of scripts/packages.sh or ./check, on a machine that is made of
 # stubs: dpkg, apt-get, sudo and id write down how they were called, and answer what the case says.
 set -u
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 source_directory=$1 case=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

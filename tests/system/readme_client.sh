@@ -3,6 +3,7 @@
 # usage: readme_client.sh SOURCE_DIRECTORY LIBRARY_DIRECTORY COMPILER [FLAG...]
 # Is the client in README.md the example, to the letter, and does it build with the command that stands under it?
 set -eu -o pipefail
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 source=$1
 libraries=$2
 shift 2
