@@ -5,9 +5,10 @@
 # probes_test.sh latency SOURCE_DIRECTORY BIN: scripts/query_latency.bt names the queries of a process that asks. Where the
 #   kernel lets nobody trace, only that the script compiles.
 set -eu
+export LC_ALL=C.UTF-8  # ranges of letters and what tools say are not those of a user's language
 case=$1 source_directory=$2
 shift 2
-work=$(mktemp -d /dev/shm/probes-test-XXXXXX)
+work=$(mktemp -d)
 processes=()
 finish() {
   [ ${#processes[@]} -eq 0 ] || kill "${processes[@]}" 2>/dev/null || true
@@ -40,13 +41,13 @@ latency() {
   ip link set lo up
   "$bin/ipd" --foreground >"$work/ipd.log" 2>&1 &
   processes+=($!)
-  "$bin/query_time" default 127.0.0.1 --for 120 >"$work/query.log" 2>&1 &
+  "$bin/query_time" default 127.0.0.1 --for 280 >"$work/query.log" 2>&1 &
   processes+=($!)
   local asking=$!
   for _ in $(seq 600); do
     grep -qs "$RSW_RUN_DIR" "/proc/$asking/maps" && break
     kill -0 "$asking" 2>/dev/null || {  # it was earlier than ipd
-      "$bin/query_time" default 127.0.0.1 --for 120 >"$work/query.log" 2>&1 &
+      "$bin/query_time" default 127.0.0.1 --for 280 >"$work/query.log" 2>&1 &
       asking=$!
       processes+=("$asking")
     }

@@ -10,6 +10,7 @@
 // An anomaly is an operation that takes longer than a minute, an end of a process that nobody brought about, an answer
 // that cannot be, or something that is left over. Exit codes: 0 none, 1 some, 2 usage, or it could not begin.
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -216,6 +217,8 @@ int run(const Options &options) {
     fprintf(stderr, "soak: %s\n", reason.c_str());
     return 2;
   }
+  // Not with huge pages, wherever the system gives them to everybody: what a process has of memory is compared.
+  prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
   printf("soak: seed %u\n", options.seed);
   fflush(stdout);
   const test_support::RunDirectory directory;

@@ -24,8 +24,9 @@ std::string configuration(const BirdDescription &router, const std::string &log_
        // Equal costs to two routers that announce the same prefix make one route with two next hops.
        << "protocol ospf v2 {\n  ecmp yes limit 16;\n  merge external yes;\n"
        << "  ipv4 { import all; export where source = RTS_STATIC; };\n  area 0 {\n";
+  // A link that goes is seen by its carrier. A neighbour is not to be lost because a busy machine keeps it waiting.
   for (const std::string &interface : router.interfaces) {
-    text << "    interface \"" << interface << "\" { type ptp; hello 1; dead 3; retransmit 2; };\n";
+    text << "    interface \"" << interface << "\" { type ptp; hello 1; dead 20; retransmit 2; };\n";
   }
   text << "  };\n}\n";
   return text.str();

@@ -126,7 +126,7 @@ TEST_F(IpshWithIpd, MemoryOfIpdIsShownByType) {
 
 TEST_F(IpshWithIpd, AWatchUnderLoadShowsOnlyWhatCanHaveHappened) {
   start_ipd(R"({"contexts": 2, "interfaces": 4, "addresses": 400, "measured_changes": 1, "changes_per_second": 500})");
-  const Outcome outcome = ipsh({"watch", "--json", "--count", "200", "--timeout", "30"});
+  const Outcome outcome = ipsh({"watch", "--json", "--count", "200", "--timeout", "50"});
   ASSERT_EQ(outcome.exit_code, 0) << outcome.err;
   std::istringstream lines(outcome.out);
   int of_addresses = 0;
@@ -147,7 +147,7 @@ TEST_F(IpshWithIpd, AWatchUnderLoadShowsOnlyWhatCanHaveHappened) {
 
 TEST_F(IpshWithIpd, AWatchGoesOnWhenIpdIsKilledAndStartedAgain) {
   start_ipd(small_plan);
-  test_support::Process watch({IPSH, "watch", "--json", "--count", "1", "--timeout", "30"});
+  test_support::Process watch({IPSH, "watch", "--json", "--count", "1", "--timeout", "50"});
   ASSERT_TRUE(test_support::wait_until([&] { return watch.output().find("watch-start") != std::string::npos; }));
   ipd_.kill_now();
   start_ipd(small_plan);

@@ -86,7 +86,7 @@ TEST_F(IpshWithSystem, EveryRequestIsValid) {
 }
 
 TEST_F(IpshWithSystem, EventsOfAllKindsAreValid) {
-  test_support::Process watch({IPSH, "watch", "--json", "--timeout", "20", "--count", "7"});
+  test_support::Process watch({IPSH, "watch", "--json", "--timeout", "120", "--count", "7"});
   ASSERT_TRUE(test_support::wait_until([&] { return watch.output().find("watch-start") != std::string::npos; }));
   publisher_.reset();
   publisher_ = publish_test_system();

@@ -148,7 +148,7 @@ TEST_F(IpshWithoutIpd, ASpoiltDatabaseGivesAnotherTableButNeverACrash) {
     file.close();
     for (const char *command : {"contexts", "interfaces", "addresses", "vips", "groups", "counters"}) {
       test_support::Process program({IPSH, "show", command, "--json"});
-      const int status = program.wait(std::chrono::seconds(20));
+      const int status = program.wait(std::chrono::seconds(60));
       ASSERT_TRUE(status == 0 || status == 1 || status == 3) << round << " " << command << ": " << status;
       tables.insert(program.output());
     }

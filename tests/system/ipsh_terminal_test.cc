@@ -26,8 +26,8 @@ constexpr const char *heading = "\x1b[1mIOD  NAME";
 constexpr const char *green_up = "\x1b[32mup\x1b[0m";
 constexpr const char *red_down = "\x1b[31mdown\x1b[0m";
 
-// What is written to a terminal until its program has ended.
-std::string all_of(int terminal) {
+// What is written to a terminal until its program has ended. The program is told to end as soon as this was written.
+std::string all_of(int terminal, const std::string &enough = "", pid_t program = 0) {
   std::string output;
   char part[4096];
   for (;;) {
@@ -35,6 +35,7 @@ std::string all_of(int terminal) {
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;  // EIO: the program has ended
     output.append(part, static_cast<size_t>(got));
+    if (program != 0 && output.find(enough) != std::string::npos) kill(program, SIGTERM);
   }
   close(terminal);
   return output;
@@ -135,6 +136,8 @@ TEST_F(IpshWithoutIpd, AWrongColourChoiceIsRefused) {
   EXPECT_EQ(outcome.err, "ipsh: --color: 'sometimes' is not accepted here; give auto, always or never\n");
 }
 
+volatile sig_atomic_t is_to_end = 0;
+
 // Rows that go elsewhere: who waits in front of the terminal is told how far they are, and the line is taken away.
 TEST(IpshProgress, ShowsOnATerminalHowFarLongWorkIs) {
   int terminal = -1;
@@ -142,15 +145,16 @@ TEST(IpshProgress, ShowsOnATerminalHowFarLongWorkIs) {
   if (child == 0) {
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (dup2(nowhere, STDOUT_FILENO) < 0) _exit(1);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    signal(SIGTERM, [](int) { is_to_end = 1; });
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     {
       ipsh::Progress progress(4711);
-      while (std::chrono::steady_clock::now() < end) progress.step();
+      while (is_to_end == 0 && std::chrono::steady_clock::now() < end) progress.step();
     }
     std::fflush(stderr);
     _exit(0);
   }
-  const std::string said = all_of(terminal);
+  const std::string said = all_of(terminal, " of 4711 rows", child);
   int status = 0;
   waitpid(child, &status, 0);
   EXPECT_EQ(status, 0);

@@ -16,7 +16,7 @@ using nlohmann::json;
 class IpshWatch : public IpshWithSystem {
  protected:
   void start(const std::vector<std::string> &options) {
-    std::vector<std::string> argv{IPSH, "watch", "--timeout", "20"};
+    std::vector<std::string> argv{IPSH, "watch", "--timeout", "120"};
     argv.insert(argv.end(), options.begin(), options.end());
     watch_ = test_support::Process(argv);
     ASSERT_TRUE(test_support::wait_until([&] { return watch_.output().find("watch") != std::string::npos; }))

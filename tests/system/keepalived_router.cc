@@ -26,7 +26,7 @@ KeepalivedRouter::KeepalivedRouter(const std::string &directory, const VrrpDescr
 bool KeepalivedRouter::stop() {
   if (!process_.running()) return true;
   process_.signal(SIGTERM);
-  const bool ended = process_.wait(std::chrono::seconds(10)) != -1;
+  const bool ended = process_.wait(std::chrono::seconds(60)) != -1;
   process_.kill_now();
   return ended;
 }

@@ -128,7 +128,7 @@ class OspfPeersTest : public IpdTest {
           last = learnt();
           return !std::all_of(routers_.begin(), routers_.end(), running);
         },
-        std::chrono::seconds(40));
+        std::chrono::seconds(90));
     if (!there || !condition(last)) {
       ADD_FAILURE() << last.all << " routes of " << announced_.size() << ", " << last.by_ra << " by ra, "
                     << last.multipath << " multipath\n"

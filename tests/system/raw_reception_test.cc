@@ -13,6 +13,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include "ipd/kernel/tun_input.h"
@@ -62,6 +64,21 @@ class KernelPacketsTest : public testing::Test {
               static_cast<ssize_t>(payload.size()))
         << std::strerror(errno);
     close(descriptor);
+  }
+  // Until the kernel has done with what was sent by the loopback interface, which it does later when it is busy.
+  static bool all_are_delivered(uint64_t sent) {
+    return wait_until([sent] { return delivered() >= sent; }, deadline);
+  }
+  // Of this namespace, from its beginning on: to whoever had room for them.
+  static uint64_t delivered() {
+    std::ifstream file("/proc/thread-self/net/snmp");
+    std::string names, values;
+    std::getline(file, names) && std::getline(file, values);
+    std::istringstream name(names), value(values);
+    for (std::string column, number; name >> column && value >> number;) {
+      if (column == "InDelivers") return std::stoull(number);
+    }
+    return 0;
   }
   [[nodiscard]] bool readable() const {
     pollfd waiting{.fd = sockets_->descriptor(), .events = POLLIN, .revents = 0};
@@ -171,8 +188,10 @@ TEST_F(KernelPacketsTest, ThePacketIsWholeAlthoughItCameInFragments) {
 TEST_F(KernelPacketsTest, AFloodOfOneProtocolDoesNotHoldUpAnother) {
   ASSERT_EQ(sockets_->open(ospf), 0);
   ASSERT_EQ(sockets_->open(pim), 0);
+  const uint64_t before = delivered();
   for (int i = 0; i < 500; ++i) send(ospf, filled(8));
   send(pim, filled(8));
+  ASSERT_TRUE(all_are_delivered(before + 501));
   ASSERT_EQ(read(64), 64u);
   EXPECT_EQ(std::ranges::count_if(seen_, [](const Seen &each) { return ipv4::protocol(each.bytes) == pim; }), 1);
 }
@@ -181,7 +200,9 @@ TEST_F(KernelPacketsTest, WhatTheKernelHasNoRoomForIsCounted) {
   ASSERT_EQ(sockets_->open(ospf), 0);
   constexpr size_t sent = 20000;
   const Bytes payload = filled(8);
+  const uint64_t delivered_before = delivered();
   for (size_t i = 0; i < sent; ++i) send(ospf, payload);
+  ASSERT_TRUE(all_are_delivered(delivered_before + sent));
   while (read() > 0) continue;
   ASSERT_LT(seen_.size(), sent) << "there was room for all of them";
   // The count comes with the next packet.

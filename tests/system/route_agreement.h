@@ -39,7 +39,7 @@ class RouteAgreement {
   };
   // The kernel's routes rest; ipd gets some time to come to the same.
   [[nodiscard]] Result wait_for(const std::vector<uint32_t> &destinations,
-                                std::chrono::milliseconds deadline = std::chrono::milliseconds(15000));
+                                std::chrono::milliseconds deadline = std::chrono::milliseconds(60000));
 
  private:
   [[nodiscard]] uint32_t iod(uint32_t ifindex);

@@ -84,7 +84,7 @@ class VrrpPeerTest : public IpdTest {
   // In one look: while keepalived elects, and on a busy machine, there is more than one change.
   void expect_answers(const std::string &device, const std::string &expected) {
     std::string last;
-    EXPECT_TRUE(wait_until([&] { return (last = answers(device)) == expected; }, std::chrono::seconds(20)))
+    EXPECT_TRUE(wait_until([&] { return (last = answers(device)) == expected; }, std::chrono::seconds(60)))
         << "expected: " << expected << "\nfound:    " << last << "\nhere:\n"
         << (here_ == nullptr ? "" : here_->log()) << "there:\n"
         << (there_ == nullptr ? "" : there_->log()) << "ipd:\n"
@@ -99,7 +99,7 @@ class VrrpPeerTest : public IpdTest {
           return test_support::run(command, &text) == 0 &&
                  text.find(std::string(virtual_address) + "/32") != std::string::npos;
         },
-        std::chrono::seconds(20));
+        std::chrono::seconds(60));
   }
 
   std::unique_ptr<PeerNamespace> peer_;
