@@ -16,7 +16,9 @@ namespace {
 Failure why_not(const std::string &what, int error) {
   const bool denied = error == EACCES || error == EPERM;
   return {denied ? ExitCode::permission : ExitCode::unavailable, fmt::format("{}: {}", what, std::strerror(error)),
-          denied ? "run ipsh as a user who may use the run directory" : "start ipd, or look at its log"};
+          denied               ? "run ipsh as a user who may use the run directory"
+          : error == ETIMEDOUT ? "it is stopped, or busy: see ipsh doctor"
+                               : "start ipd, or look at its log"};
 }
 
 bool receive(uint32_t queue, uint32_t token, uint32_t wait_seconds, const Failure &when_rejected,

@@ -34,6 +34,7 @@ ExitCode query_list(const Options &options, const Printers &printers, Failure *f
 
 Run query_runner(const Query &query) {
   return [&query](const Options &options, const Printers &printers, Failure *failure) {
+    if (!has_all_arguments(query, options.query_words, failure)) return failure->code;
     std::unique_ptr<Attachment> attachment;
     if (query.needs_database) {
       attachment = attach(failure);
@@ -87,6 +88,12 @@ Run supervisor_setter(uint32_t state) {
     return ExitCode::found;
   };
 }
+
+// The parser takes every word for one that may be left out, so that it is our own message that names a missing one.
+class HelpText : public CLI::Formatter {
+ public:
+  std::string make_option_usage(const CLI::Option *option) const override { return make_option_name(option, true); }
+};
 
 constexpr const char *exit_codes =
     "Exit codes: 0 yes, found or done; 1 the answer is 0 or none; 2 wrong usage;\n"
@@ -155,6 +162,7 @@ void add_system(CommandTree *tree) {
 }  // namespace
 
 CommandTree::CommandTree() : app("Ask the IPv4 state of this system, and ipd to change it.", "ipsh") {
+  app.formatter(std::make_shared<HelpText>());
   app.fallthrough();
   app.set_help_flag("-h,--help", "print this help and exit");
   app.set_version_flag("--version", "ipsh " IPSH_VERSION, "print the version and exit");

@@ -99,7 +99,9 @@ void take_underscores_for_dashes(std::vector<std::string> *words) {
 }
 
 int finish(const Failure &failure, const ipsh::Printers &printers) {
-  fmt::print(stderr, "ipsh: {}{}{}\n", failure.message, failure.advice.empty() ? "" : "; ", failure.advice);
+  // One about the line begins with the words that were good.
+  const char *program = failure.message.starts_with("ipsh") ? "" : "ipsh: ";
+  fmt::print(stderr, "{}{}{}{}\n", program, failure.message, failure.advice.empty() ? "" : "; ", failure.advice);
   printers.failure(failure);
   return static_cast<int>(failure.code);
 }

@@ -116,6 +116,17 @@ Answer answer_text(const char *text) {
   return answer;
 }
 
+bool has_all_arguments(const Query &query, const std::map<std::string, std::string, std::less<>> &words,
+                       Failure *failure) {
+  const auto missing = std::ranges::find_if(query.arguments, [&](const Argument &argument) {
+    return !argument.preset && words.find(argument.name) == words.end();
+  });
+  if (missing == query.arguments.end()) return true;
+  *failure = {ExitCode::usage, fmt::format("{} needs --{}", query.name, missing->name),
+              fmt::format("give {}", type_info(missing->type).accepts)};
+  return false;
+}
+
 bool run_query(const Query &query, const std::map<std::string, std::string, std::less<>> &words, bool attached,
                QueryResult *result, Failure *failure) {
   std::vector<ArgumentValue> values;
@@ -126,10 +137,6 @@ bool run_query(const Query &query, const std::map<std::string, std::string, std:
     if (word != words.end()) {
       const std::string option = fmt::format("--{}", argument.name);
       if (!decode_argument(argument.type, option, word->second, attached, &value, failure)) return false;
-    } else if (!argument.preset) {
-      *failure = {ExitCode::usage, fmt::format("{} needs --{}", query.name, argument.name),
-                  fmt::format("give {}", type_info(argument.type).accepts)};
-      return false;
     }
     values.push_back(std::move(value));
   }

@@ -30,7 +30,11 @@ struct QueryResult {
   std::string error_text;  // the library's, empty when it gave none
 };
 
-// `words`: what was given, by argument name. `attached`: the shared database is attached. False: *failure.
+// `words`: what was given, by argument name. False: *failure names the first argument that is missing.
+[[nodiscard]] bool has_all_arguments(const Query &query, const std::map<std::string, std::string, std::less<>> &words,
+                                     Failure *failure);
+
+// All arguments are among the words. `attached`: the shared database is attached. False: *failure.
 [[nodiscard]] bool run_query(const Query &query, const std::map<std::string, std::string, std::less<>> &words,
                              bool attached, QueryResult *result, Failure *failure);
 

@@ -63,13 +63,15 @@ bool decode_address_to_configure(const Options &options, RequestRow *row, Failur
          refuse("address", options.prefix, "give an address that a host may have, and 1 to 32 bits", failure);
 }
 
+bool names_interface(const Options &options, const RequestRow &row, Failure *failure) {
+  if (!options.interface.empty()) return true;
+  *failure = {ExitCode::usage, fmt::format("{}: --interface is missing", to_text(row.kind)),
+              "ipsh show interfaces lists them"};
+  return false;
+}
+
 bool decode_interface_of(const Options &options, RequestRow *row, Failure *failure) {
   ArgumentValue value;
-  if (options.interface.empty()) {
-    *failure = {ExitCode::usage, fmt::format("{}: --interface is missing", to_text(row->kind)),
-                "ipsh show interfaces lists them"};
-    return false;
-  }
   if (!decode_argument(ArgumentType::interface, "--interface", options.interface, true, &value, failure)) return false;
   row->iod = value.number;
   row->interface = interface_name(row->iod);
@@ -94,6 +96,7 @@ bool decode_timing(const Options &options, Timing *timing, Failure *failure) {
 
 // Interfaces have names only where there is a database. ipd hears nothing of a line that makes no sense.
 bool decode_interface(const Options &options, RequestRow *row, Failure *failure) {
+  if (!names_interface(options, *row, failure)) return false;
   const std::unique_ptr<Attachment> attachment = Attachment::open(failure);
   return attachment != nullptr && decode_interface_of(options, row, failure);
 }
@@ -153,7 +156,7 @@ ExitCode ask_and_hold(RequestRow row, const Holding &holding, const Options &opt
                       Failure *failure) {
   Timing timing;
   if (!decode_timing(options, &timing, failure)) return failure->code;
-  const std::unique_ptr<Client> client = Client::open(holder_queue_name, failure);
+  const std::unique_ptr<Client> client = Client::open(holder_queue_name, timing.timeout, failure);
   if (client == nullptr) return failure->code;
   const EndSignals signals;
   if (!holding.ask(row)) {
@@ -185,7 +188,7 @@ ExitCode ask_and_hold(RequestRow row, const Holding &holding, const Options &opt
 // Ends what another ipsh holds.
 ExitCode end_of(RequestKind held, RequestRow row, const Options &options, const Printers &printers, Failure *failure) {
   if (!decode_interface(options, &row, failure)) return failure->code;
-  const std::unique_ptr<Client> client = Client::open("ipsh asking", failure);
+  const std::unique_ptr<Client> client = Client::open("ipsh asking", default_timeout, failure);
   if (client == nullptr) return failure->code;
   RequestRow wanted = row;
   wanted.kind = held;
@@ -226,10 +229,6 @@ ExitCode multicast_off(const Options &options, const Printers &printers, Failure
 
 bool decode_lender(const Options &options, RequestRow *row, Failure *failure) {
   ArgumentValue value;
-  if (options.lender.empty()) {
-    *failure = {ExitCode::usage, "unnumbered set: --from is missing", "name the interface whose address is borrowed"};
-    return false;
-  }
   if (!decode_argument(ArgumentType::interface, "--from", options.lender, true, &value, failure)) return false;
   row->lender = interface_name(value.number);
   return (!row->lender.empty() && row->lender != row->interface) ||
@@ -238,6 +237,11 @@ bool decode_lender(const Options &options, RequestRow *row, Failure *failure) {
 
 ExitCode unnumbered_set(const Options &options, const Printers &printers, Failure *failure) {
   RequestRow row(RequestKind::unnumbered_set);
+  if (!names_interface(options, row, failure)) return failure->code;
+  if (options.lender.empty()) {
+    *failure = {ExitCode::usage, "unnumbered set: --from is missing", "name the interface whose address is borrowed"};
+    return failure->code;
+  }
   {
     const std::unique_ptr<Attachment> attachment = Attachment::open(failure);
     if (attachment == nullptr || !decode_interface_of(options, &row, failure) ||
@@ -259,7 +263,7 @@ ExitCode unnumbered_unset(const Options &options, const Printers &printers, Fail
   Timing timing;
   if (!decode_timing(options, &timing, failure)) return failure->code;
   if (!decode_interface(options, &row, failure)) return failure->code;
-  const std::unique_ptr<Client> client = Client::open("ipsh asking", failure);
+  const std::unique_ptr<Client> client = Client::open("ipsh asking", timing.timeout, failure);
   if (client == nullptr) return failure->code;
   if (is_unnumbered(row)) {
     RequestRow held = row;
@@ -293,7 +297,7 @@ ExitCode configure(const Options &options, const Printers &printers, Failure *fa
       !decode_interface(options, &row, failure)) {
     return failure->code;
   }
-  const std::unique_ptr<Client> client = Client::open("ipsh configuring", failure);
+  const std::unique_ptr<Client> client = Client::open("ipsh configuring", timing.timeout, failure);
   if (client == nullptr) return failure->code;
   const uint32_t status = ip_configure_address(row.iod, row.addr, row.mask_len, &row.result, 0, timing.timeout);
   row.status = status;

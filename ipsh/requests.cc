@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "arguments.h"
+#include "asking.h"
 #include "ip_api.h"
 #include "ip_show.h"
 #include "mts.h"
@@ -43,29 +44,19 @@ bool may_surely_configure() {
   return geteuid() == 0 || (stat(rsw::run_directory().c_str(), &what) == 0 && what.st_uid == geteuid());
 }
 
-// The answer to a request of the transport, copied; nothing: none came.
-std::optional<std::vector<uint8_t>> ask(uint32_t queue, ip_msg_show message) {
-  constexpr uint32_t seconds = 10;
-  mts_msg_ref_t sent = nullptr;
-  if (mts_send(queue, IP_NODE_LOCAL, IP_SAP_CONTROL, IP_OPCODE_CLIENT, &message, sizeof message, &sent, 0, nullptr) !=
-      0) {
-    return std::nullopt;
-  }
-  mts_recv_opts options{{1, 0, seconds, mts_rr_token_get(sent)}};
-  mts_msg_ref_t received = nullptr;
-  std::optional<std::vector<uint8_t>> answer;
-  if (mts_recv(queue, &received, &options) == 0) {
-    const auto *payload = static_cast<const uint8_t *>(mts_payload_get(received));
-    if (mts_is_reject(received) == 0 && payload != nullptr) {
-      answer.emplace(payload, payload + mts_payload_size(received));
-    }
-    mts_drop(queue, received);
-  }
-  mts_drop(queue, sent);
-  return answer;
-}
-
 constexpr const char *who_may = "root, ipd's own user and the group that its configuration names may do this";
+
+// Asks ipd what it knows of this process as a client.
+bool ask_about_this_process(uint32_t queue, uint32_t seconds, std::vector<std::byte> *answer, Failure *failure) {
+  const auto pid = static_cast<uint32_t>(getpid());
+  ip_msg_show question{};
+  question.header.major_type = IP_MAJOR_CLIENT;
+  question.header.minor_type = IP_MSG_SHOW_CLIENTS;
+  question.header.pid = pid;
+  question.after = pid - 1;
+  const Failure rejected{ExitCode::permission, "ipd does not take this process as a client", who_may};
+  return ask_ipd(queue, std::as_bytes(std::span(&question, 1)), rejected, answer, failure, seconds);
+}
 
 Failure not_bound(int error) {
   const bool denied = error == EACCES || error == EPERM;
@@ -140,7 +131,7 @@ ExitCode exit_code_of_status(uint32_t status) {
   return known == nullptr ? ExitCode::none : known->code;
 }
 
-std::unique_ptr<Client> Client::open(const char *queue_name, Failure *failure) {
+std::unique_ptr<Client> Client::open(const char *queue_name, uint32_t seconds, Failure *failure) {
   std::unique_ptr<Client> client(new Client);
   client->attachment_ = Attachment::open(failure);
   if (!client->attachment_) return nullptr;
@@ -154,6 +145,9 @@ std::unique_ptr<Client> Client::open(const char *queue_name, Failure *failure) {
     *failure = not_bound(errno);
     return nullptr;
   }
+  // A registration is waited for as long as ipd lives, stopped or not: so it is asked for one that answers.
+  std::vector<std::byte> unread;
+  if (!ask_about_this_process(client->queue_, seconds, &unread, failure)) return nullptr;
   std::string name = fmt::format("ipsh {}", getpid());
   if (ip_register(name.c_str(), no_queue, client->queue_, no_key, 0, &ip_client, 0, 0) == 0) {
     *failure = control_is_served()
@@ -171,17 +165,15 @@ Client::~Client() {
 }
 
 std::optional<bool> Client::was_refused() const {
-  const auto pid = static_cast<uint32_t>(getpid());
-  ip_msg_show message{};
-  message.header.major_type = IP_MAJOR_CLIENT;
-  message.header.minor_type = IP_MSG_SHOW_CLIENTS;
-  message.header.pid = pid;
-  message.after = pid - 1;
-  const std::optional<std::vector<uint8_t>> answer = ask(queue_, message);
+  std::vector<std::byte> answer;
+  Failure untold;
   ip_show_client entry{};
-  if (!answer || answer->size() < sizeof(ip_msg_show_reply) + sizeof entry) return std::nullopt;
-  std::memcpy(&entry, answer->data() + sizeof(ip_msg_show_reply), sizeof entry);
-  if (entry.pid != pid) return std::nullopt;
+  if (!ask_about_this_process(queue_, answer_wait_seconds, &answer, &untold) ||
+      answer.size() < sizeof(ip_msg_show_reply) + sizeof entry) {
+    return std::nullopt;
+  }
+  std::memcpy(&entry, answer.data() + sizeof(ip_msg_show_reply), sizeof entry);
+  if (entry.pid != static_cast<uint32_t>(getpid())) return std::nullopt;
   return entry.refused != 0;
 }
 

@@ -46,8 +46,9 @@ struct RequestRow {
 // ends with it.
 class Client {
  public:
-  // Its queue is known under a name. Null: *failure.
-  static std::unique_ptr<Client> open(const char *queue_name, Failure *failure);
+  // Its queue is known under a name. Null: *failure, which is also what an ipd is that does not answer in so many
+  // seconds.
+  static std::unique_ptr<Client> open(const char *queue_name, uint32_t seconds, Failure *failure);
   ~Client();
   Client(const Client &) = delete;
   Client &operator=(const Client &) = delete;

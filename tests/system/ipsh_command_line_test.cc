@@ -77,36 +77,42 @@ INSTANTIATE_TEST_SUITE_P(
     OfBadInput, IpshRefusal,
     ::testing::Values(
         Refusal{"",
-                "ipsh: ipsh: a command is missing; give one of show, query, explain, watch, join, leave, configure, "
+                "ipsh: a command is missing; give one of show, query, explain, watch, join, leave, configure, "
                 "unnumbered, multicast, capture, ping, system, doctor"},
         Refusal{"shwo",
-                "ipsh: ipsh: there is no 'shwo'; did you mean 'show'? give one of show, query, explain, watch, join, "
+                "ipsh: there is no 'shwo'; did you mean 'show'? give one of show, query, explain, watch, join, "
                 "leave, configure, "
                 "unnumbered, multicast, capture, ping, system, doctor"},
         Refusal{"show",
-                "ipsh: ipsh show: a command is missing; give one of contexts, interfaces, addresses, routes, vips, "
+                "ipsh show: a command is missing; give one of contexts, interfaces, addresses, routes, vips, "
                 "groups, router-id, counters, memory, clients, messages, packets, queues, mbufs, system"},
         Refusal{"show adresses",
-                "ipsh: ipsh show: there is no 'adresses'; did you mean 'addresses'? give one of contexts, interfaces, "
+                "ipsh show: there is no 'adresses'; did you mean 'addresses'? give one of contexts, interfaces, "
                 "addresses, routes, "
                 "vips, groups, router-id, counters, memory, clients, messages, packets, queues, mbufs, system"},
         Refusal{"show contexts memory",
-                "ipsh: ipsh show contexts: 'memory' is not accepted here; see ipsh show contexts --help"},
+                "ipsh show contexts: 'memory' is not accepted here; see ipsh show contexts --help"},
         Refusal{"show contexts --jsn",
-                "ipsh: ipsh show contexts: '--jsn' is not accepted here; did you mean '--json'? see ipsh show contexts "
+                "ipsh show contexts: '--jsn' is not accepted here; did you mean '--json'? see ipsh show contexts "
                 "--help"},
         Refusal{"query", "ipsh: query: the name of a query is missing; ipsh query --list shows them"},
-        Refusal{"query ip_nothing", "ipsh: ipsh query: there is no 'ip_nothing'; see ipsh query --list"},
+        Refusal{"query ip_nothing", "ipsh query: there is no 'ip_nothing'; see ipsh query --list"},
         Refusal{"query ip_get_mt",
-                "ipsh: ipsh query: there is no 'ip_get_mt'; did you mean 'ip_get_mtu'? see ipsh query --list"},
+                "ipsh query: there is no 'ip_get_mt'; did you mean 'ip_get_mtu'? see ipsh query --list"},
         Refusal{"show routes --veiw=unicast",
-                "ipsh: ipsh show routes: '--veiw=unicast' is not accepted here; did you mean '--view'? see ipsh show "
+                "ipsh show routes: '--veiw=unicast' is not accepted here; did you mean '--view'? see ipsh show "
                 "routes --help"},
         Refusal{"query ip_bits2mask", "ipsh: ip_bits2mask needs --len; give a mask length: 0 to 32"},
+        Refusal{"query ip_get_mtu",
+                "ipsh: ip_get_mtu needs --iod; give an interface: its iod number or its name (ipsh show interfaces "
+                "lists them)"},
+        Refusal{"join 239.1.1.1", "ipsh: join: --interface is missing; ipsh show interfaces lists them"},
+        Refusal{"unnumbered set --interface tun0",
+                "ipsh: unnumbered set: --from is missing; name the interface whose address is borrowed"},
         Refusal{"query ip_bits2mask --len 33", "ipsh: --len: '33' is not accepted here; give a mask length: 0 to 32"},
         Refusal{"query ip_bits2mask --len -1", "ipsh: --len: '-1' is not accepted here; give a mask length: 0 to 32"},
         Refusal{"query ip_bits2mask --length 3",
-                "ipsh: ipsh query ip_bits2mask: '--length' is not accepted here; see ipsh query ip_bits2mask --help"},
+                "ipsh query ip_bits2mask: '--length' is not accepted here; see ipsh query ip_bits2mask --help"},
         Refusal{"query ip_is_addr_multicast --addr 10.0.0.256",
                 "ipsh: --addr: '10.0.0.256' is not accepted here; give an IPv4 address: 10.1.2.3 or 0x0a010203"},
         Refusal{"query ip_is_addr_multicast --addr 10.0.0.01",
@@ -125,12 +131,19 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"explain 10.0.0",
                 "ipsh: address: '10.0.0' is not accepted here; give an IPv4 address: 10.1.2.3 or "
                 "0x0a010203"},
-        Refusal{"explain 10.0.0.1 10.0.0.2",
-                "ipsh: ipsh explain: '10.0.0.2' is not accepted here; see ipsh explain --help"},
+        Refusal{"explain 10.0.0.1 10.0.0.2", "ipsh explain: '10.0.0.2' is not accepted here; see ipsh explain --help"},
         Refusal{"watch --count 0", "ipsh: --count: '0' is not accepted here; give a number of changes, 1 or more"},
         Refusal{"watch --timeout soon",
                 "ipsh: --timeout: 'soon' is not accepted here; give seconds, above 0, such as 5 or 0.5"}),
     [](const auto &test) { return test_name_of(test.param.line, test.index); });
+
+TEST_F(IpshWithoutIpd, AWordThatIsNeededStandsInTheUsageWithoutBrackets) {
+  for (const auto &[command, word] : {std::pair("ping", "address"), {"explain", "address"}, {"join", "group"}}) {
+    const Outcome help = ipsh({command, "--help"});
+    EXPECT_NE(help.out.find(std::string("Usage: ipsh ") + command + " [OPTIONS] " + word + "\n"), std::string::npos)
+        << help.out;
+  }
+}
 
 TEST_F(IpshWithoutIpd, AMissingIpdIsExitCode3WithTheReasonAndWhatToDo) {
   for (const char *line : {"show contexts", "show system", "query ip_get_mtu --iod 1", "watch", "system standby"}) {

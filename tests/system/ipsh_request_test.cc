@@ -190,6 +190,22 @@ TEST_F(IpshRequest, WithoutAControlServiceARequestIsExitCode3) {
   }
 }
 
+TEST_F(IpshRequest, AnIpdThatTakesNoMessagesIsWaitedForAsLongAsIsSaid) {
+  mts_bind_opts options{1, 1, 1024, 267, 0, 15};
+  const uint32_t queue = mts_bind(1, IP_SAP_CONTROL, &options, "nobody receives here");
+  ASSERT_NE(queue, ~0u);
+  ASSERT_EQ(mts_recv_q_unblock(queue), 0);
+  for (const char *line :
+       {"join 239.1.1.1 --interface eth0 --timeout 1", "multicast on --interface eth0 --timeout 1",
+        "unnumbered unset --interface tun0 --timeout 1", "configure 10.0.0.9/24 --interface eth0 --timeout 1"}) {
+    const Outcome outcome = ipsh(words_of(line));
+    EXPECT_EQ(outcome.exit_code, 3) << line;
+    EXPECT_EQ(outcome.err, "ipsh: ipd does not answer: Connection timed out; it is stopped, or busy: see ipsh doctor\n")
+        << line;
+  }
+  mts_unbind(queue, 0);
+}
+
 TEST_F(IpshWithoutIpd, ARequestWithoutIpdIsExitCode3) {
   const Outcome outcome = ipsh({"join", "239.1.1.1", "--interface", "eth0"});
   EXPECT_EQ(outcome.exit_code, 3);
@@ -276,7 +292,7 @@ TEST_F(IpshRequest, QueuesAreListed) {
   EXPECT_EQ(queues[0]["sap"], 263);
   EXPECT_EQ(queues[0]["pid"], getpid());
   EXPECT_EQ(queues[0]["name"], "control peer");
-  EXPECT_EQ(queues[0]["received"], 3) << "a registration, a join, and whether it was refused";
+  EXPECT_EQ(queues[0]["received"], 4) << "whether it answers, a registration, a join, and whether it was refused";
   EXPECT_EQ(queues[1]["sap"], 2048);
   EXPECT_EQ(queues[1]["pid"], join.pid());
   EXPECT_EQ(queues[1]["name"], "ipsh holding");
