@@ -152,7 +152,7 @@ def parse_comment(lines, line):
                 text.parts.append(("rows", []))
             text.parts[-1][1].append((_row_names(row.group(1)), row.group(2)))
             where = "row"
-        elif where == "tag" and not prose.endswith(":"):
+        elif where == "tag" and not (prose.endswith(":") and prose.count("(") == prose.count(")")):
             prose = f"{prose} {content}"
         else:
             flush()

@@ -49,7 +49,7 @@ def rows(pairs, label):
     out = [".Bl -tag -width Ds"]
     for names, text in pairs:
         out.append(".It " + label(names))
-        out += prose(text.replace("see the top", "see libip(3)"))
+        out += prose(re.sub(r"\b([Ss])ee the top\b", r"\1ee libip(3)", text))
     return out + [".El"]
 
 

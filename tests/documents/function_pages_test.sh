@@ -67,7 +67,8 @@ case $case in
   a_page_says_what_its_block_says)
     declare_in ip_api.h '// Paints an interface.
 //   colour  0 .. 255
-// Threads: any. Owns: the paint is the caller'"'"'s. Results: 1: painted. 0: no paint.
+// Threads: any. Owns: see the top; the paint is the caller'"'"'s. Results: 1: painted. 0: no paint (colour 0:
+//   logged).
 uint32_t ip_paint(uint32_t iod, uint32_t colour);
 
 // The same in stripes. Debug lines: none.
@@ -77,8 +78,8 @@ uint32_t ip_paint_stripes(uint32_t iod, uint32_t colour);'
     mandoc -Tascii -O width=1000 "$pages/ip_paint.3" | col -b | tr -s ' \t\n' ' ' > "$work/text"
     for said in "ip_paint, ip_paint_stripes - paints an interface" "ip_paint(uint32_t iod, uint32_t colour);" \
       "#include <ip_api.h>" "pkg-config --cflags --libs libip" "The same in stripes." "colour 0 .. 255" \
-      "iod an interface, as the interface manager numbers them" "RETURN VALUES 1: painted. 0: no paint." \
-      "Threads Any." "Owns The paint is the caller's." "SEE ALSO"; do
+      "iod an interface, as the interface manager numbers them" "RETURN VALUES 1: painted. 0: no paint (colour 0: logged)." \
+      "Threads Any." "Owns See libip(3); the paint is the caller's." "SEE ALSO"; do
       grep -qF -- "$said" "$work/text" || fail "not in the page: $said; it is: $(cat "$work/text")"
     done
     ;;
