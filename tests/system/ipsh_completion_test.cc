@@ -9,16 +9,18 @@
 namespace ipsh_test {
 namespace {
 
-// Words of the line after "ipsh", the last one under the cursor. The candidates, sorted, each followed by a blank.
+// Words of the line after "ipsh", the last one under the cursor. The candidates, sorted, each followed by a blank. What
+// bash is to complete by itself stands among them in brackets.
 std::string completions(const std::vector<std::string> &words) {
-  std::vector<std::string> argv{"bash",
-                                "--norc",
-                                "-c",
-                                "source " IPSH_COMPLETION
-                                "; complete -p ipsh >/dev/null || exit 9; COMP_WORDS=(\"$@\"); "
-                                "COMP_CWORD=$(($# - 1)); _ipsh; printf '%s ' \"${COMPREPLY[@]}\"",
-                                "bash",
-                                IPSH};
+  std::vector<std::string> argv{
+      "bash",
+      "--norc",
+      "-c",
+      "source " IPSH_COMPLETION
+      "; complete -p ipsh >/dev/null || exit 9; compopt() { COMPREPLY+=(\"[$*]\"); }; COMP_WORDS=(\"$@\"); "
+      "COMP_CWORD=$(($# - 1)); _ipsh; printf '%s ' \"${COMPREPLY[@]}\"",
+      "bash",
+      IPSH};
   argv.insert(argv.end(), words.begin(), words.end());
   // Standard output alone: bash complains on the other one when the environment names a locale that is not there.
   const Outcome outcome = run_command(argv);
@@ -54,6 +56,12 @@ TEST_F(IpshWithoutIpd, CompletionOffersEachOptionOnce) {
   EXPECT_EQ(completions({"show", "routes", "--view", ""}), "multicast unicast ");
   EXPECT_EQ(completions({"show", "routes", "--"}),
             "--color --context --help --interface --json --limit --run-dir --table --view ");
+}
+
+TEST_F(IpshWithoutIpd, FilesAndDirectoriesAreCompletedByBash) {
+  EXPECT_EQ(completions({"capture", "-w", "pack"}), "[-o default] ");
+  EXPECT_EQ(completions({"capture", "--write", "=", "pack"}), "[-o default] ");
+  EXPECT_EQ(completions({"--run-dir", "/ru"}), "[-o dirnames] ");
 }
 
 TEST_F(IpshWithSystem, CompletionOffersTheNamesOfTheRunningSystem) {
