@@ -27,9 +27,7 @@ class ClientFaults : public ipd_test::IpdTest, public testing::WithParamInterfac
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add ib type ifb");
-    ip("link set ib up");
-    ip("addr add 10.0.0.1/24 dev ib");
+    add_interface("ib", "10.0.0.1/24");
     start_ipd();
     attach();
     Process client({FAULT_CLIENT, own_group, "10.9.0.1"});

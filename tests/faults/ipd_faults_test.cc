@@ -6,7 +6,6 @@
 #include <time.h>
 
 #include <cstdio>
-#include <filesystem>
 
 #include "fault_run.h"
 #include "im.h"
@@ -31,9 +30,7 @@ class IpdFaults : public ipd_test::IpdTest, public testing::WithParamInterface<F
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add va type veth peer name vb");
-    ip("link set va up");
-    ip("link set vb up");
+    add_pair("va", "vb");
     ip("addr add 10.0.0.1/24 dev va");
   }
 
@@ -120,16 +117,6 @@ class IpdFaults : public ipd_test::IpdTest, public testing::WithParamInterface<F
 
  private:
   unsigned descriptors_ = 0;
-
-  void clear_run_directory() {
-    for (const auto &entry : std::filesystem::directory_iterator(run_directory_.path())) {
-      std::filesystem::remove_all(entry.path());
-    }
-  }
-  void detach() {
-    if (attached_) ip_api_close();
-    attached_ = false;
-  }
 };
 
 TEST_P(IpdFaults, OneThatBeginsFromNothingEndsWithAReasonOrServes) {

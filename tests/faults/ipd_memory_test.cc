@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <random>
 
 #include "fault_run.h"
@@ -32,9 +31,7 @@ class IpdMemory : public ipd_test::IpdTest {
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add ib type ifb");
-    ip("link set ib up");
-    ip("addr add 10.0.0.1/24 dev ib");
+    add_interface("ib", "10.0.0.1/24");
   }
 
   static bool answers() {
@@ -180,18 +177,6 @@ class IpdMemory : public ipd_test::IpdTest {
     EXPECT_GT(ends, 0u);
   }
 
- private:
-  void clear_run_directory() {
-    for (const auto &entry : std::filesystem::directory_iterator(run_directory_.path())) {
-      std::filesystem::remove_all(entry.path());
-    }
-  }
-  void detach() {
-    if (attached_) ip_api_close();
-    attached_ = false;
-  }
-
- protected:
   unsigned descriptors_ = 0;  // of an ipd that had all memory, and a client
 };
 

@@ -22,7 +22,6 @@
  * says when it begins to be served, and when it begins not to be hold                      until it is killed wait for
  * a USR1
  */
-#include <arpa/inet.h>
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -35,9 +34,9 @@
 
 #define LIBIP_NO_INET_NTOA
 #include "forged_messages.h"
-#include "im.h"
 #include "ip_api.h"
 #include "mts.h"
+#include "steps.h"
 
 #define NO_QUEUE 0xffffffffu
 
@@ -50,20 +49,6 @@ static void say(const char *what, uint32_t result) {
   char line[128];
   const int length = snprintf(line, sizeof line, "%s %u\n", what, result);
   if (write(STDOUT_FILENO, line, (size_t)length) != length) _exit(4);
-}
-
-static uint32_t address_of(const char *text) {
-  struct in_addr address;
-  if (inet_pton(AF_INET, text, &address) != 1) exit(2);
-  return ntohl(address.s_addr);
-}
-
-static uint32_t interface_of(const char *name) {
-  for (uint32_t iod = im_get_next_ext_if(0, 267); iod != 0; iod = im_get_next_ext_if(iod, 267)) {
-    const char *found = im_get_if_name(iod);
-    if (found != NULL && strcmp(found, name) == 0) return iod;
-  }
-  return 0;
 }
 
 static uint32_t register_as(const char *name, uint8_t key) {
@@ -236,7 +221,6 @@ static uint32_t change_list(const char *verb, const char *interface) {
   return verb[0] == 'r' ? ip_req_redirect_disable(control, 1, &iod) : ip_unnumbered_pss_cleanup(control, 1, &iod);
 }
 
-/* One step. How many words it took; 0: there is no such step. */
 static int step(char **words, int count) {
   const char *verb = words[0];
   if (strcmp(verb, "attach") == 0) {
@@ -322,13 +306,5 @@ int main(int argc, char **argv) {
   sigemptyset(&set);
   sigaddset(&set, SIGUSR1);
   sigprocmask(SIG_BLOCK, &set, NULL);
-  for (int i = 1; i < argc;) {
-    const int taken = step(argv + i, argc - i);
-    if (taken == 0) {
-      fprintf(stderr, "no such step: %s\n", argv[i]);
-      return 2;
-    }
-    i += taken;
-  }
-  return 0;
+  return take_steps(argc, argv, step);
 }

@@ -35,9 +35,7 @@ class ControlClientLifeTest : public IpdTest {
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add ib type ifb");
-    ip("link set ib up");
-    ip("addr add 10.0.0.1/24 dev ib");
+    add_interface("ib", "10.0.0.1/24");
     ip("link add ob type ifb");
     ip("link set ob up");
     // A thousand clients, or as many as ipd may have here.

@@ -69,9 +69,7 @@ class ControlForgedTest : public IpdTest {
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add ib type ifb");
-    ip("link set ib up");
-    ip("addr add 10.0.0.1/24 dev ib");
+    add_interface("ib", "10.0.0.1/24");
     ip("link add ob type ifb");
     ip("link set ob up");
     start_ipd();

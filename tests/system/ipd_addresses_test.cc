@@ -57,9 +57,7 @@ class IpdAddressesTest : public IpdTest {
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add name va type veth peer name vb");
-    ip("link set va up");
-    ip("link set vb up");
+    add_pair("va", "vb");
     start_ipd();
     attach();
     va_ = iod("va");

@@ -4,7 +4,9 @@
 #include <net/if.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 #include "im.h"
@@ -22,6 +24,20 @@ std::vector<std::string> ipd_command(const std::vector<std::string> &arguments) 
   return command;
 }
 
+std::vector<uint32_t> groups_of(uint32_t iod) {
+  static thread_local std::vector<uint32_t> found;
+  found.clear();
+  ip_get_each_group(
+      iod,
+      [](uint32_t group, uint32_t, uint32_t) -> uint32_t {
+        found.push_back(group);
+        return 0;
+      },
+      0);
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
 void IpdTest::SetUp() {
   std::string reason;
   ASSERT_TRUE(test_support::enter_network_namespace(&reason)) << reason;
@@ -29,7 +45,18 @@ void IpdTest::SetUp() {
 }
 
 void IpdTest::TearDown() {
+  detach();
+}
+
+void IpdTest::detach() {
   if (attached_) ip_api_close();
+  attached_ = false;
+}
+
+void IpdTest::clear_run_directory() {
+  for (const auto &entry : std::filesystem::directory_iterator(run_directory_.path())) {
+    std::filesystem::remove_all(entry.path());
+  }
 }
 
 bool IpdTest::ipd_said(const std::string &text) {
@@ -53,6 +80,18 @@ void IpdTest::ip(const std::string &words) {
   std::string output;
   ASSERT_EQ(test_support::run({"/bin/sh", "-c", "PATH=$PATH:/usr/sbin:/sbin exec ip " + words}, &output), 0)
       << "ip " << words << ": " << output;
+}
+
+void IpdTest::add_interface(const std::string &name, const std::string &address) {
+  ip("link add " + name + " type ifb");
+  ip("link set " + name + " up");
+  ip("addr add " + address + " dev " + name);
+}
+
+void IpdTest::add_pair(const std::string &name, const std::string &peer) {
+  ip("link add " + name + " type veth peer name " + peer);
+  ip("link set " + name + " up");
+  ip("link set " + peer + " up");
 }
 
 void IpdTest::set_sysctl(const std::string &name, const std::string &value) {

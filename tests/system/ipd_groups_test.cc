@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -17,6 +16,7 @@
 
 namespace {
 
+using ipd_test::groups_of;
 using ipd_test::IpdTest;
 using test_support::wait_until;
 using Groups = std::vector<uint32_t>;
@@ -55,20 +55,6 @@ class Member {
   int socket_;
 };
 
-Groups groups_of(uint32_t iod) {
-  static Groups found;
-  found.clear();
-  ip_get_each_group(
-      iod,
-      [](uint32_t group, uint32_t, uint32_t) -> uint32_t {
-        found.push_back(group);
-        return 0;
-      },
-      0);
-  std::sort(found.begin(), found.end());
-  return found;
-}
-
 bool groups_become(uint32_t iod, const Groups &groups) {
   return wait_until([&] { return groups_of(iod) == groups; }, std::chrono::seconds(30));
 }
@@ -87,11 +73,7 @@ bool load_share_becomes(uint32_t mode, uint32_t value) {
 
 class IpdGroupsTest : public IpdTest {
  protected:
-  void make_pair() {
-    ip("link add va type veth peer name vb");
-    ip("link set va up");
-    ip("link set vb up");
-  }
+  void make_pair() { add_pair("va", "vb"); }
 };
 
 TEST_F(IpdGroupsTest, AClientSeesWhatSocketsJoinAndLeave) {

@@ -62,9 +62,7 @@ class IpdInformationTest : public IpdTest {
 };
 
 TEST_F(IpdInformationTest, TheFullSetIsWhatIpSays) {
-  ip("link add va type veth peer name vb");
-  ip("link set va up");
-  ip("link set vb up");
+  add_pair("va", "vb");
   ip("addr add 10.1.0.1/24 dev va");
   ip("addr add 10.1.0.2/24 dev va");
   ip("addr add 10.2.0.1/16 dev va");

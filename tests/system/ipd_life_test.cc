@@ -32,9 +32,7 @@ int finished(const std::vector<std::string> &arguments, std::string *output) {
 }
 
 TEST_F(IpdLifeTest, AnAttachedClientGoesOnWhenIpdIsKilledAndStartedAgain) {
-  ip("link add ib type ifb");
-  ip("link set ib up");
-  ip("addr add 10.0.0.1/24 dev ib");
+  add_interface("ib", "10.0.0.1/24");
   start_ipd();
   attach();
   expect_same_as_kernel();
@@ -56,9 +54,7 @@ TEST_F(IpdLifeTest, AnAttachedClientGoesOnWhenIpdIsKilledAndStartedAgain) {
 }
 
 TEST_F(IpdLifeTest, WhatStaysIsTrueForEveryReaderWhileIpdIsKilledAndStarted) {
-  ip("link add ib type ifb");
-  ip("link set ib up");
-  ip("addr add 10.0.0.1/24 dev ib");
+  add_interface("ib", "10.0.0.1/24");
   start_ipd();
   attach();
   const uint32_t there = iod("ib");
@@ -309,9 +305,7 @@ TEST_F(IpdLifeTest, TellsTheServiceManager) {
 
 // An ordinary user, when we may become one; otherwise this process is one already.
 TEST_F(IpdLifeTest, NeedsNoPrivilege) {
-  ip("link add ib type ifb");
-  ip("link set ib up");
-  ip("addr add 10.0.0.1/24 dev ib");
+  add_interface("ib", "10.0.0.1/24");
   ASSERT_EQ(chmod(run_directory_.path().c_str(), 0777), 0);
   const std::string directory = run_directory_.path() + "/user";
   const std::vector<std::string> become{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};

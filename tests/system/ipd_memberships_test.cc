@@ -41,29 +41,15 @@ bool kernel_has_sources(const std::string &interface, const SourceFilters &sourc
 }
 
 bool published(uint32_t iod, Groups expected) {
-  static Groups found;
   std::sort(expected.begin(), expected.end());
-  return wait_until([&] {
-    found.clear();
-    ip_get_each_group(
-        iod,
-        [](uint32_t group, uint32_t, uint32_t) -> uint32_t {
-          found.push_back(group);
-          return 0;
-        },
-        0);
-    std::sort(found.begin(), found.end());
-    return found == expected;
-  });
+  return wait_until([&] { return ipd_test::groups_of(iod) == expected; });
 }
 
 class IpdMembershipsTest : public IpdTest {
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add va type veth peer name vb");
-    ip("link set va up");
-    ip("link set vb up");
+    add_pair("va", "vb");
     start_ipd();
   }
 };

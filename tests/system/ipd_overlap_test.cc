@@ -19,9 +19,7 @@ class IpdOverlapTest : public IpdTest {
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add name va type veth peer name vb");
-    ip("link set va up");
-    ip("link set vb up");
+    add_pair("va", "vb");
     ip("addr add 10.1.0.1/16 dev va");
     ip("addr add 10.2.3.1/24 dev vb");
     start_ipd();

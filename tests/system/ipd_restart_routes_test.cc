@@ -37,9 +37,7 @@ class IpdRestartRoutesTest : public IpdTest {
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add name va type veth peer name vb");
-    ip("link set va up");
-    ip("link set vb up");
+    add_pair("va", "vb");
     ip("addr add 10.1.0.1/24 dev va");
     ip("addr add 10.2.0.1/24 dev vb");
     std::string batch;
@@ -213,8 +211,7 @@ TEST_F(IpdRestartRoutesTest, AnIpdThatIsKilledWhileItStartsLeavesTheAnswersAsThe
 
 // While an ipd that was killed is away, a client that comes finds what it left.
 TEST_F(IpdRestartRoutesTest, AClientThatAttachesBetweenTwoIpdsFindsTheRoutes) {
-  ip_api_close();
-  attached_ = false;
+  detach();
   ipd_.kill_now();
   attach();
   for (uint32_t i = 0; i < lasting; ++i) ASSERT_EQ(ask(lasting_base, i, 7), ways_[i % 2]) << i;

@@ -28,9 +28,7 @@ class IpdRouteQueriesTest : public IpdTest {
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add name va type veth peer name vb");
-    ip("link set va up");
-    ip("link set vb up");
+    add_pair("va", "vb");
     ip("addr add 10.1.0.1/24 dev va");
     ip("addr add 10.1.1.1/25 dev va");
     ip("addr add 10.2.0.1/24 dev vb");

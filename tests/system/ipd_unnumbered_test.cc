@@ -22,9 +22,7 @@ class IpdUnnumberedTest : public IpdTest {
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add name va type veth peer name vb");
-    ip("link set va up");
-    ip("link set vb up");
+    add_pair("va", "vb");
     add_lender("m0");
     write_configuration(R"({"unnumbered": [{"interface": "va", "source": "m0"}]})");
     start_ipd({"--config", configuration_file()});

@@ -10,38 +10,21 @@
 //   l2 IF HOP VLAN MAC FLAGS          - for a MAC that is not given
 //   mvr IF HOP VLAN MAC FLAGS
 //   dce IF HOP VLAN MAC FLAGS MAC     with the source of the frame last
-#include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #define LIBIP_NO_INET_NTOA
-#include "im.h"
 #include "ip_api.h"
 #include "mbuf.h"
+#include "step_packet.h"
+#include "steps.h"
 
 #define NO_QUEUE 0xffffffffu
-
-static uint8_t bytes[65535];
-static uint32_t length;
 
 static void say(const char *what, uint32_t result) {
   printf("%s %u\n", what, result);
   fflush(stdout);
-}
-
-static uint32_t address_of(const char *text) {
-  struct in_addr address;
-  if (inet_pton(AF_INET, text, &address) != 1) exit(2);
-  return ntohl(address.s_addr);
-}
-
-static uint32_t interface_of(const char *name) {
-  for (uint32_t iod = im_get_next_ext_if(0, 267); iod != 0; iod = im_get_next_ext_if(iod, 267)) {
-    const char *found = im_get_if_name(iod);
-    if (found != NULL && strcmp(found, name) == 0) return iod;
-  }
-  return 0;
 }
 
 static uint32_t number_of(const char *text) {
@@ -54,22 +37,6 @@ static const uint8_t *mac_of(const char *text, uint8_t *room) {
   if (sscanf(text, "%x:%x:%x:%x:%x:%x", words, words + 1, words + 2, words + 3, words + 4, words + 5) != 6) exit(2);
   for (int i = 0; i < 6; ++i) room[i] = (uint8_t)words[i];
   return room;
-}
-
-static void read_packet(const char *hex) {
-  length = 0;
-  for (; hex[0] != '\0' && hex[1] != '\0' && length < sizeof bytes; hex += 2) {
-    const char pair[3] = {hex[0], hex[1], '\0'};
-    bytes[length++] = (uint8_t)strtoul(pair, NULL, 16);
-  }
-}
-
-static struct mbuf *packet(void) {
-  struct mbuf *made = m_gethdr();
-  if (made != NULL && m_append(made, bytes, length) == 1) return made;
-  m_freem(made);
-  fprintf(stderr, "no buffers\n");
-  exit(3);
 }
 
 /* Data of the same length and on the same place as the library's callers have them: behind the header, in one buffer.
@@ -125,7 +92,6 @@ static uint32_t output_l2(const char *verb, char **words) {
                              mac_of(words[5], source), 112, 108);
 }
 
-/* One step. How many words it took; 0: there is no such step. */
 static int step(char **words, int count) {
   const char *verb = words[0];
   if (strcmp(verb, "attach") == 0 && count >= 2) {
@@ -160,13 +126,5 @@ static int step(char **words, int count) {
 }
 
 int main(int argc, char **argv) {
-  for (int i = 1; i < argc;) {
-    const int taken = step(argv + i, argc - i);
-    if (taken == 0) {
-      fprintf(stderr, "no such step: %s\n", argv[i]);
-      return 2;
-    }
-    i += taken;
-  }
-  return 0;
+  return take_steps(argc, argv, step);
 }

@@ -71,9 +71,7 @@ class PacketFloodTest : public IpdTest {
  protected:
   void SetUp() override {
     IpdTest::SetUp();
-    ip("link add va type veth peer name vb");
-    ip("link set va up");
-    ip("link set vb up");
+    add_pair("va", "vb");
     ip("addr add 10.0.0.1/24 dev va");
     start_ipd();
     attach();

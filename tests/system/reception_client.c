@@ -16,7 +16,6 @@
  *                       from the 21st to the 28th
  *   wait                for a USR1
  */
-#include <arpa/inet.h>
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -25,56 +24,25 @@
 #include <unistd.h>
 
 #define LIBIP_NO_INET_NTOA
-#include "im.h"
 #include "ip_api.h"
 #include "mbuf.h"
 #include "mts.h"
+#include "step_packet.h"
+#include "steps.h"
 
 #define NO_QUEUE 0xffffffffu
 
 static uint32_t control = NO_QUEUE;
 static uint32_t data = NO_QUEUE;
-static uint8_t bytes[65535];
-static uint32_t length;
 
 static void say(const char *what, uint32_t result) {
   printf("%s %u\n", what, result);
   fflush(stdout);
 }
 
-static uint32_t address_of(const char *text) {
-  struct in_addr address;
-  if (inet_pton(AF_INET, text, &address) != 1) exit(2);
-  return ntohl(address.s_addr);
-}
-
-static uint32_t interface_of(const char *name) {
-  for (uint32_t iod = im_get_next_ext_if(0, 267); iod != 0; iod = im_get_next_ext_if(iod, 267)) {
-    const char *found = im_get_if_name(iod);
-    if (found != NULL && strcmp(found, name) == 0) return iod;
-  }
-  return 0;
-}
-
 static uint32_t attach(void) {
   if (ip_api_init() == NULL || ip_init_mts(&control, -1) == 0 || ip_init_mts(&data, -1) == 0) return 0;
   return 1;
-}
-
-static void read_packet(const char *hex) {
-  length = 0;
-  for (; hex[0] != '\0' && hex[1] != '\0' && length < sizeof bytes; hex += 2) {
-    const char pair[3] = {hex[0], hex[1], '\0'};
-    bytes[length++] = (uint8_t)strtoul(pair, NULL, 16);
-  }
-}
-
-static struct mbuf *packet(void) {
-  struct mbuf *made = m_gethdr();
-  if (made != NULL && m_append(made, bytes, length) == 1) return made;
-  m_freem(made);
-  fprintf(stderr, "no buffers\n");
-  exit(3);
 }
 
 static uint32_t consume(const char *interface) {
@@ -150,7 +118,6 @@ static void wait_for_signal(void) {
   sigwait(&set, &number);
 }
 
-/* One step. How many words it took; 0: there is no such step. */
 static int step(char **words, int count) {
   const char *verb = words[0];
   if (strcmp(verb, "reference") == 0) {
@@ -209,13 +176,5 @@ int main(int argc, char **argv) {
   sigemptyset(&set);
   sigaddset(&set, SIGUSR1);
   sigprocmask(SIG_BLOCK, &set, NULL);
-  for (int i = 1; i < argc;) {
-    const int taken = step(argv + i, argc - i);
-    if (taken == 0) {
-      fprintf(stderr, "no such step: %s\n", argv[i]);
-      return 2;
-    }
-    i += taken;
-  }
-  return 0;
+  return take_steps(argc, argv, step);
 }

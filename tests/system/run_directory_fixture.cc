@@ -46,9 +46,7 @@ void RunDirectoryTest::SetUp() {
   IpdTest::SetUp();
   ASSERT_EQ(unshare(CLONE_NEWNS), 0) << strerror(errno);
   ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << strerror(errno);
-  ip("link add ib type ifb");
-  ip("link set ib up");
-  ip("addr add 10.0.0.1/24 dev ib");
+  add_interface("ib", "10.0.0.1/24");
 }
 
 void RunDirectoryTest::TearDown() {
@@ -122,11 +120,6 @@ std::vector<std::string> RunDirectoryTest::unfinished_files(const std::string &d
     if (entry.path().extension() == ".new") names.push_back(entry.path().filename());
   }
   return names;
-}
-
-void RunDirectoryTest::detach() {
-  if (attached_) ip_api_close();
-  attached_ = false;
 }
 
 }  // namespace run_directory_test

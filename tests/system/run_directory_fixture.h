@@ -45,7 +45,6 @@ class RunDirectoryTest : public ipd_test::IpdTest {
   void kill_ipd();
   // Names in the directory that end in ".new".
   [[nodiscard]] static std::vector<std::string> unfinished_files(const std::string &directory);
-  void detach();
 
  private:
   std::vector<std::string> mounts_;

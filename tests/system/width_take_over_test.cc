@@ -41,9 +41,7 @@ class WidthTakeOver : public ipd_test::IpdTest, public testing::WithParamInterfa
       ASSERT_EQ(access((native + program).c_str(), X_OK), 0) << "build preset native first: " << native << program;
     }
     IpdTest::SetUp();
-    ip("link add ib type ifb");
-    ip("link set ib up");
-    ip("addr add 10.0.0.1/24 dev ib");
+    add_interface("ib", "10.0.0.1/24");
     start(GetParam().path);
     attach();
   }
