@@ -56,8 +56,8 @@ struct Connection {
   uint32_t sap;       // the peer's; of an accepted connection 0 until its first message said so
   const bool from_peer;
   Descriptor socket;
-  ucred credentials{-1, ~0u,
-                    ~0u};  // the kernel's word on the peer, as of when the connection was made; pid -1: none yet
+  // The kernel's word on the peer, as of when the connection was made; pid -1: none yet.
+  ucred credentials{-1, ~0u, ~0u};
   bool connected = false;
   bool alive = true;
   bool sent = false;  // something went out on it: its end is news for a receiver
