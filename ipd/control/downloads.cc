@@ -78,21 +78,21 @@ Refusal Downloads::begin(Key key, const Sender &sender, bool follow) {
   Receiver &receiver =
       receivers_.insert_or_assign(key, Receiver{.asked_by = sender, .download = Download(follow)}).first->second;
   size_t budget = round_budget;
-  const bool over = tell(key, receiver, budget) == Outcome::over;
+  const bool over = tell(receiver, budget) == Outcome::over;
   const bool undelivered = over && !receiver.download.over();
   if (over) receivers_.erase(key);
   tidy();
   return undelivered ? Refusal::no_answer : Refusal::none;
 }
 
-Downloads::Outcome Downloads::tell(const Key &key, Receiver &receiver, size_t &budget) {
+Downloads::Outcome Downloads::tell(Receiver &receiver, size_t &budget) {
   for (;;) {
     const auto batch = receiver.download.next(interfaces_);
     if (!batch) return receiver.download.over() ? Outcome::over : Outcome::done;
     const size_t cost = message_cost + batch->entries.size();
     if (cost > budget) return Outcome::later;
     budget -= cost;
-    const auto message = encode_(key.second, batch->entries);
+    const auto message = encode_(batch->entries);
     const int error = message ? transport_.send(receiver.asked_by, IP_OPCODE_IF_INFO, *message) : ENOMEM;
     if (error != 0) {
       if (!is_passing(error)) return Outcome::over;
@@ -118,7 +118,7 @@ void Downloads::tell_all() {
     const auto at = receivers_.find(key);
     if (at->second.next_try > now_) continue;
     const size_t before = budget;
-    if (tell(key, at->second, budget) == Outcome::over) receivers_.erase(at);
+    if (tell(at->second, budget) == Outcome::over) receivers_.erase(at);
     if (budget != before) served_ = key;
   }
   tidy();

@@ -23,8 +23,7 @@ namespace ipd::control {
 class Downloads final : public Handler {
  public:
   // Makes a notification's bytes. Nothing: there is no memory for it now.
-  using Encode =
-      std::function<std::optional<std::vector<std::byte>>(uint32_t id, std::span<const ip_if_info_msg_entry> entries)>;
+  using Encode = std::function<std::optional<std::vector<std::byte>>(std::span<const ip_if_info_msg_entry> entries)>;
 
   static constexpr size_t most_of_a_process = 64;
   static constexpr size_t most_of_all = 4096;
@@ -53,7 +52,7 @@ class Downloads final : public Handler {
   enum class Outcome : uint8_t { done, later, over };
 
   Refusal begin(Key key, const Sender &sender, bool follow);
-  Outcome tell(const Key &key, Receiver &receiver, size_t &budget);
+  Outcome tell(Receiver &receiver, size_t &budget);
   void tell_all();
   template <class Predicate>
   void end_if(Predicate predicate);

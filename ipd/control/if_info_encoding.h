@@ -4,7 +4,6 @@
 #define IPD_CONTROL_IF_INFO_ENCODING_H
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <span>
 #include <vector>
@@ -13,10 +12,8 @@
 
 namespace ipd::control {
 
-// `id` names the notification where an error is reported. Nothing: there is no memory for it now, or it cannot be
-// encoded, which the library has reported then.
-[[nodiscard]] std::optional<std::vector<std::byte>> encode_if_info(uint32_t id,
-                                                                   std::span<const ip_if_info_msg_entry> entries);
+// Nothing: there is no memory for it now, or it cannot be encoded; the library has reported that then.
+[[nodiscard]] std::optional<std::vector<std::byte>> encode_if_info(std::span<const ip_if_info_msg_entry> entries);
 
 }  // namespace ipd::control
 

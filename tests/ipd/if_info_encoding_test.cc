@@ -40,7 +40,7 @@ std::vector<Entry> decoded(const std::vector<std::byte> &bytes) {
 TEST(IfInfoEncoding, WhatWasEncodedIsWhatAClientDecodes) {
   for (const size_t count : {0u, 1u, 3u}) {
     const auto sent = entries(count);
-    const auto bytes = encode_if_info(5, sent);
+    const auto bytes = encode_if_info(sent);
     ASSERT_TRUE(bytes);
     const auto found = decoded(*bytes);
     ASSERT_EQ(found.size(), count);
@@ -49,7 +49,7 @@ TEST(IfInfoEncoding, WhatWasEncodedIsWhatAClientDecodes) {
 }
 
 TEST(IfInfoEncoding, AFullNotificationFitsIntoAMessage) {
-  const auto bytes = encode_if_info(5, entries(ipd::control::most_entries));
+  const auto bytes = encode_if_info(entries(ipd::control::most_entries));
   ASSERT_TRUE(bytes);
   EXPECT_LE(bytes->size(), IP_MAX_IPC_PAYLOAD);
   EXPECT_EQ(decoded(*bytes).size(), ipd::control::most_entries);
