@@ -108,7 +108,7 @@ TEST_F(MtsThreads, UnbindWakesWhoWaitsForAResponse) {
 
 TEST_F(MtsThreads, AHundredClientsAreServed) {
   // Or as many as this process may have descriptors for.
-  const auto count = std::min<size_t>(100, test_support::allow_descriptors(1000) / 10);
+  const auto count = static_cast<size_t>(std::min<uint64_t>(100, test_support::allow_descriptors(1000) / 10));
   ASSERT_GT(count, 0u) << "ulimit -n is too low for any";
   const Queue server(263);
   std::vector<std::unique_ptr<Queue>> clients;
