@@ -213,9 +213,10 @@ TEST_F(IpdAddressesTest, AHostAddressHasNoSubnet) {
 TEST_F(IpdAddressesTest, OnlyTheOwnEndOfAPointToPointAddressIsLocal) {
   ip("addr add 10.3.0.1 peer 10.3.0.2/32 dev va");
   EXPECT_TRUE(wait_until([&] { return ip_get_iod_for_local_address("default", host_order("10.3.0.1")) == va_; }));
-  EXPECT_EQ(ip_get_local_mask_len(host_order("10.3.0.1"), va_), 32u);
+  // Published one after the other.
+  EXPECT_TRUE(wait_until([&] { return ip_get_local_mask_len(host_order("10.3.0.1"), va_) == 32; }));
+  EXPECT_TRUE(wait_until([&] { return dotted(ip_get_best_local_addr(va_, host_order("10.3.0.2"))) == "10.3.0.1"; }));
   EXPECT_EQ(ip_get_iod_for_local_address("default", host_order("10.3.0.2")), 0u);
-  EXPECT_EQ(dotted(ip_get_best_local_addr(va_, host_order("10.3.0.2"))), "10.3.0.1");
   KernelRoutes kernel;
   EXPECT_EQ(kernel.way({.dest = host_order("10.3.0.1")}).type, RTN_LOCAL);
   const KernelAnswer peer = kernel.way({.dest = host_order("10.3.0.2")});
