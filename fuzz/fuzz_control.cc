@@ -100,7 +100,7 @@ class CheckedSockets final : public ipd::kernel::MembershipSockets {
   int error = 0;
 };
 
-std::optional<std::vector<std::byte>> encode(uint32_t, std::span<const ip_if_info_msg_entry> entries) {
+std::optional<std::vector<std::byte>> encode(std::span<const ip_if_info_msg_entry> entries) {
   return std::vector<std::byte>(entries.size_bytes());
 }
 
