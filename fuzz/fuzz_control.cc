@@ -173,7 +173,9 @@ class System {
 
   void send(Input &input, uint8_t what) {
     static constexpr uint32_t opcodes[] = {IP_OPCODE_CLIENT, IP_OPCODE_CONFIGURE, IP_OPCODE_PACKET, 0};
-    Request request{.sender = sender_of(what), .wants_answer = (what & 32) != 0};
+    Request request;
+    request.sender = sender_of(what);
+    request.wants_answer = (what & 32) != 0;
     std::vector<std::byte> bytes;
     if ((what & 7) == 0) {
       request.opcode = opcodes[what >> 6];
@@ -229,7 +231,7 @@ class System {
     } else if ((bits & 8) != 0) {
       found->second.state.name = "eth" + std::to_string(1 + (iod + 1) % interfaces);
     } else {
-      found->second.addresses = {{.addr = 0x0a000000 + iod, .mask_len = 24}};
+      found->second.addresses = {{.addr = 0x0a000000 + iod, .mask_len = 24, .secondary = false, .scope = 0}};
       found->second.state.mtu = (bits & 16) != 0 ? 60 : 1500;  // without IPv4, with it
     }
     service_.interfaces_changed({iod, iod + interfaces});

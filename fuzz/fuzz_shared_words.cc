@@ -81,7 +81,10 @@ class Others {
     for (uint32_t i = 0; i < owned_blocks; ++i)
       put(blocks_, rsw::mtrack::block_offset(1 + i), &no_block, sizeof no_block);
     for (uint32_t i = 0; i < saps; ++i) {
-      const rsw::mts::SapRecord record{.magic = rsw::mts::record_magic, .pid = 1, .sap = first_sap + i};
+      rsw::mts::SapRecord record{};
+      record.magic = rsw::mts::record_magic;
+      record.pid = 1;
+      record.sap = first_sap + i;
       put(records_[i], 0, &record, sizeof record);
     }
   }
