@@ -40,6 +40,7 @@ class SimulatedEpochs final : public rsw::Epochs {
     overruled_.push_back(holder.slot);
     held_[holder.slot] = 0;
   }
+  void put_back() override {}
 
  private:
   uint32_t current_ = 1;

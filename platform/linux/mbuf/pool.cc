@@ -13,6 +13,7 @@
 
 #include "mbuf/attachment.h"
 #include "mbuf/reclaim.h"
+#include "sm/length_keeper.h"
 
 namespace rsw {
 namespace {
@@ -46,7 +47,12 @@ bool mbuf_open_for_writing(std::string *reason) {
   if (word(control().magic).load(std::memory_order_relaxed) != pool_magic) begin_tables();
   if (!map->publish_name(reason) || !attach_to(map, reason)) return false;
   take_back_everything();
+  keep_length(*map);
   return true;
+}
+
+void mbuf_put_back() {
+  if (is_attached() && word(control().magic).load(std::memory_order_relaxed) != pool_magic) begin_tables();
 }
 
 bool mbuf_is_open() {

@@ -18,6 +18,10 @@ namespace rsw {
 // Threads: start-up. Blocks: no. False: *reason; this process then has private buffers, as any process without a pool.
 RSW_EXPORT bool mbuf_open_for_writing(std::string *reason);
 
+// Somebody who may use the pool cut its file short, and its length is back: if the tables are gone, all buffers are
+// free again, also those that somebody has. For ipd.
+RSW_EXPORT void mbuf_put_back();
+
 // Whether this process is attached to the pool. Threads: any.
 [[nodiscard]] RSW_EXPORT bool mbuf_is_open();
 

@@ -33,6 +33,7 @@
 #include <cstring>
 
 #include "log/log_writer.h"
+#include "sm/length_keeper.h"
 
 namespace rsw::mtrack {
 namespace {
@@ -276,6 +277,7 @@ bool Counters::open_for_writing(std::string *reason) {
   own_segment(nullptr);
   std::shared_ptr<SegmentMap> made = SegmentMap::create(segment_mtrack, reason);
   if (made == nullptr || !made->publish_name(reason)) return false;
+  keep_length(*made);
   own_segment(std::move(made));
   return true;
 }

@@ -7,8 +7,9 @@
 // that bears the name (another layout, damage) is left to those who are attached to it and replaced by rename.
 //
 // The file is as long as its window from the start and sparse. Its length never changes, so no access inside the window
-// can end in SIGBUS for being past the end; storage is allocated by grow() before the writer touches it, so neither can
-// a full file system. What a reader touches outside the used area are holes, which read zeros.
+// can end in SIGBUS for being past the end (but of segments that others write, see length_keeper.h); storage is
+// allocated by grow() before the writer touches it, so neither can a full file system. What a reader touches outside
+// the used area are holes, which read zeros.
 //
 // An attach trusts nothing before it has looked: the kind of file, its owner, its length and its header are checked on
 // the open descriptor, before the mapping, and every refusal has a reason.
@@ -39,6 +40,7 @@
 
 #include "log/log_writer.h"
 #include "never_destroyed.h"
+#include "sm/length_keeper.h"
 #include "sm/reservation.h"
 
 namespace rsw {
@@ -171,6 +173,7 @@ class Mapping final : public SegmentMap {
     const std::lock_guard guard(table().mutex);
     const auto entry = table().windows.find(layout_.base);
     if (entry != table().windows.end() && entry->second.mapping == this) {
+      forget_length(layout_);
       restore_reservation(layout_.base, layout_.size);
       table().windows.erase(entry);
     }

@@ -24,6 +24,7 @@
 #include <map>
 #include <unordered_map>
 
+#include "sm/length_keeper.h"
 #include "sm/segment_map.h"
 #include "tsp/membarrier.h"
 #include "tsp/reader.h"
@@ -60,6 +61,7 @@ class SlotEpochs final : public Epochs {
   bool passed(Domain domain, uint32_t epoch) override;
   std::vector<EpochHolder> holders(Domain domain, uint32_t epoch) override;
   void overrule(const EpochHolder &holder) override;
+  void put_back() override;
 
  private:
   LockState &state(Domain domain) { return locks_[static_cast<uint32_t>(domain) - 1]; }
@@ -67,6 +69,8 @@ class SlotEpochs final : public Epochs {
   bool holds_up(uint32_t lock, uint32_t slot, uint32_t epoch, uint32_t *held);
   bool clear_if_dead(uint32_t slot);
   void sweep(Clock::time_point now);
+  // The word only grows, and is everybody's to write: what it once said stays true.
+  uint32_t slots_to_look_at() { return slots_seen_ = std::max(slots_seen_, slots_in_use()); }
 
   std::shared_ptr<SegmentMap> map_;
   LockState locks_[lock_count];
@@ -74,6 +78,7 @@ class SlotEpochs final : public Epochs {
   Clock::time_point nothing_passes_before_{};
   Clock::time_point last_sweep_{};
   uint32_t sweep_from_ = 0;
+  uint32_t slots_seen_ = 0;
 };
 
 bool SlotEpochs::begin(std::string *reason) {
@@ -94,7 +99,18 @@ bool SlotEpochs::begin(std::string *reason) {
     word(shared_epoch).store(mine.current, std::memory_order_release);
   }
   word(map_->header()->root).store(slot_base + slot_control_offset, std::memory_order_release);
-  return map_->publish_name(reason);
+  if (!map_->publish_name(reason)) return false;
+  keep_length(*map_);
+  return true;
+}
+
+void SlotEpochs::put_back() {
+  for (uint32_t lock = 0; lock < lock_count; ++lock) {
+    // Release: as in advance().
+    word(slot_control().lock[lock].epoch).store(locks_[lock].current, std::memory_order_release);
+  }
+  slots_seen_ = std::max(slots_seen_, end_of_owned_slots(map_->descriptor()));
+  word(slot_control().slots_in_use).store(slots_seen_, std::memory_order_release);
 }
 
 uint32_t SlotEpochs::advance(Domain domain) {
@@ -154,7 +170,7 @@ bool SlotEpochs::holds_up(uint32_t lock, uint32_t index, uint32_t epoch, uint32_
 void SlotEpochs::sweep(Clock::time_point now) {
   if (now - last_sweep_ < std::chrono::seconds(1)) return;
   last_sweep_ = now;
-  const uint32_t in_use = slots_in_use();
+  const uint32_t in_use = slots_to_look_at();
   for (uint32_t count = std::min(in_use, slots_swept_at_a_time); count > 0; --count) {
     if (sweep_from_ >= in_use) sweep_from_ = 0;
     const uint32_t index = sweep_from_++;
@@ -170,7 +186,7 @@ bool SlotEpochs::passed(Domain domain, uint32_t epoch) {
   if (is_before(mine.fenced, epoch)) barrier();
   if (now < nothing_passes_before_ || is_before(mine.fenced, epoch)) return false;
   const uint32_t lock = static_cast<uint32_t>(domain) - 1;
-  const uint32_t in_use = slots_in_use();
+  const uint32_t in_use = slots_to_look_at();
   uint32_t held = 0;
   if (mine.blocking_slot < in_use && holds_up(lock, mine.blocking_slot, epoch, &held)) return false;
   uint32_t oldest = mine.fenced;
@@ -188,7 +204,7 @@ bool SlotEpochs::passed(Domain domain, uint32_t epoch) {
 std::vector<EpochHolder> SlotEpochs::holders(Domain domain, uint32_t epoch) {
   std::vector<EpochHolder> answer;
   const uint32_t lock = static_cast<uint32_t>(domain) - 1;
-  for (uint32_t index = 0; index < slots_in_use(); ++index) {
+  for (uint32_t index = 0; index < slots_to_look_at(); ++index) {
     EpochHolder holder{};
     holder.domain = domain;
     if (!holds_up(lock, index, epoch, &holder.epoch)) continue;

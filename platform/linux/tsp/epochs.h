@@ -51,6 +51,8 @@ class RSW_EXPORT Epochs {
   // The last resort against a reader that is stopped for ever: its slot no longer counts until it leaves the lock. Its
   // query, should it ever go on, stays free of faults (records keep their type) but may mix two states.
   virtual void overrule(const EpochHolder &holder) = 0;
+  // Somebody cut the slot segment short, and its length is back: writes again what is the writer's in it.
+  virtual void put_back() = 0;
 };
 
 // For ipsh: the processes that hold slots, read from the slot segment. Empty without one.

@@ -38,6 +38,8 @@ int reopen(int descriptor);
 
 // Is the slot's owner alive, as far as locks taken through other descriptions than this one tell?
 bool slot_is_owned(int descriptor, uint32_t slot);
+// Behind the last slot whose owner is alive; slot_limit when there are too many locks to tell.
+uint32_t end_of_owned_slots(int descriptor);
 // Takes or drops the lock that ownership of a slot consists of. Does not wait. False: another has it, or errno says.
 bool lock_slot(int descriptor, uint32_t slot);
 void unlock_slot(int descriptor, uint32_t slot);
