@@ -100,6 +100,7 @@ int IpProcess::prepare() {
   ids_->load();
   epochs_ = rsw::Epochs::open(&reason);
   if (epochs_ == nullptr) return fail(reason);
+  lengths_.emplace(*loop_, *epochs_);
   publisher_ = Publisher::open(*epochs_, &reason);
   if (publisher_ == nullptr) return fail(reason);
   routes_ = RouteFeed::open(*epochs_, &reason);
@@ -380,6 +381,7 @@ void IpProcess::report_losses() {
 
 void IpProcess::tick() {
   const auto now = Clock::now();
+  lengths_->tick();
   if (kernel_ != nullptr) {
     kernel_->tick(now);
     multicast_->tick(now);

@@ -20,6 +20,7 @@
 #include "ipd/packet_handlers.h"
 #include "ipd/packet_sap.h"
 #include "ipd/process/run_lock.h"
+#include "ipd/process/segment_lengths.h"
 #include "ipd/publish/publisher.h"
 #include "ipd/route_feed.h"
 #include "ipd/simulate/simulation.h"
@@ -74,6 +75,7 @@ class IpProcess {
   std::unique_ptr<RunLock> lock_;
   std::optional<ContextIds> ids_;
   std::unique_ptr<rsw::Epochs> epochs_;
+  std::optional<SegmentLengths> lengths_;
   std::unique_ptr<Publisher> publisher_;
   std::unique_ptr<RouteFeed> routes_;  // null: they cannot be served
   kernel::Picture picture_;

@@ -16,6 +16,7 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -119,6 +120,8 @@ FAILS(int, -1, epoll_create1, (int flags), (flags))
 FAILS(int, -1, epoll_ctl, (int set, int operation, int fd, struct epoll_event *event), (set, operation, fd, event))
 FAILS(int, -1, epoll_wait, (int set, struct epoll_event *events, int most, int timeout), (set, events, most, timeout))
 FAILS(int, -1, eventfd, (unsigned value, int flags), (value, flags))
+FAILS(int, -1, inotify_init1, (int flags), (flags))
+FAILS(int, -1, inotify_add_watch, (int fd, const char *path, uint32_t mask), (fd, path, mask))
 FAILS(int, -1, signalfd, (int fd, const sigset_t *mask, int flags), (fd, mask, flags))
 FAILS(int, -1, flock, (int fd, int operation), (fd, operation))
 FAILS(int, -1, mkdir, (const char *path, mode_t mode), (path, mode))

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 
 #include <cerrno>
 #include <functional>
@@ -14,6 +15,8 @@
 #include "im.h"
 #include "ip_api.h"
 #include "ipd_fixture.h"
+#include "mbuf.h"
+#include "mbuf/pool.h"
 #include "mts.h"
 
 namespace {
@@ -33,9 +36,10 @@ class OtherUsers : public testing::WithParamInterface<Users>, public IpdTest {
     give_to(run_directory_.path(), users().ipd);
     start_as_its_user();
   }
-  void start_as_its_user() {
+  void start_as_its_user(const std::vector<std::string> &arguments = {}) {
     std::vector<std::string> command = as_user(users().ipd, users().ipd, the_units);
     for (const std::string &word : runnable(ipd_command({"--foreground"}))) command.push_back(word);
+    command.insert(command.end(), arguments.begin(), arguments.end());
     ipd_ = Process(command);
     ASSERT_TRUE(wait_until([this] { return ipd_said("live:") || !ipd_.running(); }, deadline)) << ipd_.output();
     ASSERT_TRUE(ipd_.running()) << ipd_.output();
@@ -154,6 +158,86 @@ TEST_P(OtherUsers, ReachNothingInADirectoryThatIsForAGroup) {
     EXPECT_EQ(as_stranger([&] { return access(file(name).c_str(), F_OK) == 0 ? 0 : errno; }), EACCES) << name;
   }
   EXPECT_EQ(as(users().member, users().ipd, ask), 0);
+}
+
+// A user who cuts files short without end; ended with the object.
+class Cutter {
+ public:
+  Cutter(uid_t user, gid_t group, const std::vector<std::string> &files)
+      : process_([user, group, files] {
+          if (setgid(group) != 0 || setuid(user) != 0) return 100;
+          prctl(PR_SET_PDEATHSIG, SIGKILL);  // after setuid(2), which takes it back
+          for (;;) {
+            for (const std::string &file : files) {
+              if (truncate(file.c_str(), 0) != 0) return 101;
+            }
+          }
+        }) {}
+  // Once it has ended, what it cannot have done by itself is a failure.
+  void expect_at_work() { EXPECT_TRUE(process_.running()) << process_.wait(deadline); }
+
+ private:
+  Process process_;
+};
+
+TEST_P(OtherUsers, WhoCutsWhatClientsWriteShortDoesNotEndIpd) {
+  add_pair("va", "vb");
+  Process client([this] {  // attached before, and asks afterwards
+    sigset_t go_on;
+    sigemptyset(&go_on);
+    sigaddset(&go_on, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &go_on, nullptr);
+    if (ip_shm_api_init() == nullptr || error_of_opening(file("client"), O_CREAT | O_WRONLY) != 0) return 101;
+    int number = 0;
+    return sigwait(&go_on, &number) == 0 && ip_is_addr_local("default", 0x0a000001) != 0 ? 0 : 102;
+  });
+  ASSERT_TRUE(wait_until([&] { return access(file("client").c_str(), F_OK) == 0; }, deadline));
+  {
+    Cutter cutter(users().stranger, users().stranger, {file("tsp"), file("mtrack")});
+    for (int i = 0; i < 20; ++i) {
+      ip("addr add 10.0.0.1/24 dev va");
+      ip("addr del 10.0.0.1/24 dev va");
+    }
+    ip("addr add 10.0.0.1/24 dev va");
+    for (const char *name : {"/rsw/shm/tsp was cut short ", "/rsw/shm/mtrack was cut short "}) {
+      EXPECT_TRUE(wait_until([&] { return ipd_said(name) || !ipd_.running(); }, deadline)) << name;
+    }
+    cutter.expect_at_work();
+  }
+  ASSERT_TRUE(ipd_.running()) << ipd_.output();
+  ASSERT_TRUE(wait_until([] { return ip_shm_api_init() != nullptr; }, deadline)) << ipd_.output();
+  attached_ = true;
+  expect_same_as_kernel();
+  client.signal(SIGUSR1);
+  EXPECT_EQ(client.wait(deadline), 0);
+}
+
+TEST_P(OtherUsers, NorDoesAMemberWhoCutsThePacketBuffersShort) {
+  ipd_.kill_now();
+  write_configuration(R"({"configure_group": ")" + std::to_string(users().ipd) + "\"}");
+  ASSERT_NO_FATAL_FAILURE(start_as_its_user({"--config", configuration_file()}));
+  add_pair("va", "vb");
+  ip("addr add 10.0.0.1/24 dev va");
+  {
+    Cutter cutter(users().member, users().ipd, {file("mbuf")});
+    EXPECT_TRUE(wait_until([this] { return ipd_said("/rsw/shm/mbuf was cut short ") || !ipd_.running(); }, deadline));
+    // Which it goes on to answer.
+    for (int i = 0; i < 20; ++i) {
+      std::string said;
+      EXPECT_EQ(test_support::run(runnable({IPSH, "show", "clients"}), &said), 1) << i << said;  // there are none
+    }
+    cutter.expect_at_work();
+  }
+  ASSERT_TRUE(ipd_.running()) << ipd_.output();
+  // The next client has packets of the pool again.
+  EXPECT_TRUE(wait_until(
+      [] {
+        return as(users().member, users().ipd, [] {
+                 struct mbuf *const packet = m_gethdr();
+                 return packet != nullptr && rsw::mbuf_is_open() ? 0 : 101;
+               }) == 0;
+      },
+      deadline));
 }
 
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(OtherUsers);
