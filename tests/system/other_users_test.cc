@@ -224,7 +224,7 @@ TEST_P(OtherUsers, NorDoesAMemberWhoCutsThePacketBuffersShort) {
     // Which it goes on to answer.
     for (int i = 0; i < 20; ++i) {
       std::string said;
-      EXPECT_EQ(test_support::run(runnable({IPSH, "show", "clients"}), &said), 1) << i << said;  // there are none
+      EXPECT_LE(test_support::run(runnable({IPSH, "show", "clients"}), &said), 1) << i << said;  // 1: there are none
     }
     cutter.expect_at_work();
   }
