@@ -50,11 +50,11 @@ void *address(uint32_t word) {
 }  // namespace
 
 void detach_segment() {
+  window = Window::unbounded();
   if (ip_shseg == nullptr) return;
   sm_close(ip_shseg);
   ip_shseg = nullptr;
   ip_api_data = nullptr;
-  window = Window::unbounded();
 }
 
 }  // namespace libip
@@ -83,7 +83,8 @@ uint32_t ip_attach_shm(void *dest) {
   snprintf(root_text, sizeof root_text, " api_data: %p \n", addr_ip_api_data);
   if (dest != nullptr) std::memcpy(dest, descriptor, sizeof ip_client.seg_desc);
 
-  window = Window::of_segment(descriptor->bottom, descriptor->top, root);
+  window = descriptor->bounded == segment_is_bounded ? Window::of_segment(descriptor->bottom, descriptor->top, root)
+                                                     : Window::unbounded();
   ip_api_data = address(root);
   ip_api_mpib = address(root + static_cast<uint32_t>(offsetof(ip_root, second_part)));
   addr_ip_api_mpib = ip_api_mpib;

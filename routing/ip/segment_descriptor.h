@@ -13,11 +13,12 @@ namespace libip {
 struct SegmentDescriptor {
   uint8_t platform0[84];
   uint32_t id;
-  uint32_t bottom;  // of the window
-  uint32_t base;    // of the used area
-  uint32_t end;     // of the used area
-  uint32_t top;     // of the window
-  uint8_t platform104[84];
+  uint32_t bottom;   // of the window
+  uint32_t base;     // of the used area
+  uint32_t end;      // of the used area
+  uint32_t top;      // of the window
+  uint32_t bounded;  // segment_is_bounded, or anything else of the platform's
+  uint8_t platform108[80];
   uint32_t root;  // address of the root record
 };
 static_assert(std::is_trivially_copyable_v<SegmentDescriptor>);
@@ -26,7 +27,11 @@ static_assert(offsetof(SegmentDescriptor, bottom) == 88);
 static_assert(offsetof(SegmentDescriptor, base) == 92);
 static_assert(offsetof(SegmentDescriptor, end) == 96);
 static_assert(offsetof(SegmentDescriptor, top) == 100);
+static_assert(offsetof(SegmentDescriptor, bounded) == 104);
 static_assert(offsetof(SegmentDescriptor, root) == 188);
+
+// The platform's word that all records of the segment lie inside the window, and none begins in its last page.
+inline constexpr uint32_t segment_is_bounded = 0x424e4431;
 
 }  // namespace libip
 

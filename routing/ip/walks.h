@@ -9,8 +9,8 @@
 //   that starts before it can be read whole. The test is one subtraction, one rotation and one comparison.
 // - A walk ends after max_steps records, so that a list bent into a ring ends, too.
 //
-// The window comes from the segment descriptor at attach. A descriptor that does not even hold its own root says
-// nothing about where records lie (other platforms number their segments as they like): then every word is followed.
+// The window comes from the segment descriptor at attach, if the platform says there that all records lie in it. Others
+// number their segments as they like, and keep records where they like: then every word is followed.
 #ifndef IP_WALKS_H
 #define IP_WALKS_H
 
@@ -35,7 +35,7 @@ struct Window {
   // Every word, aligned or not: ~0u is above all rotated differences but one, that of 0xffffffff.
   static constexpr Window unbounded() { return {0, ~0u}; }
 
-  // The window of a segment [bottom, top) with its root record; unbounded when the three do not fit together.
+  // The window of a bounded segment [bottom, top) with its root record; unbounded when the three do not fit together.
   static constexpr Window of_segment(uint32_t bottom, uint32_t top, uint32_t root) {
     if (bottom % 4 != 0 || top <= bottom || top - bottom <= unused_tail) return unbounded();
     const Window window{bottom, (top - bottom - unused_tail) / 4};

@@ -31,6 +31,7 @@ void Platform::reset() {
   descriptor.base = memory.bottom();
   descriptor.end = memory.bottom() + 0x3000;
   descriptor.top = memory.top();
+  descriptor.bounded = 0x424e4431;  // as the contract of sm_open has it
   segment = nullptr;
   {
     const std::scoped_lock hold(locks.mutex);

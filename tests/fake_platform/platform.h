@@ -39,7 +39,8 @@ struct SegmentDescriptor {
   uint32_t base;
   uint32_t end;
   uint32_t top;
-  uint8_t r104[84];
+  uint32_t bounded;
+  uint8_t r108[80];
   uint32_t root;
 };
 static_assert(offsetof(SegmentDescriptor, segment_id) == 84);

@@ -53,7 +53,8 @@ TEST_F(SmOpen, AnswersWithADescriptorOfTheSegment) {
   EXPECT_EQ(word(96), segment_ip.base + 20000);
   EXPECT_EQ(word(100), segment_ip.base + segment_ip.size);
   EXPECT_EQ(word(188), segment_ip.base + 4096);
-  for (size_t offset = 104; offset < 188; offset += 4) EXPECT_EQ(word(offset), 0u) << offset;
+  EXPECT_EQ(word(104), 0x424e4431u) << "its records lie inside the window";
+  for (size_t offset = 108; offset < 188; offset += 4) EXPECT_EQ(word(offset), 0u) << offset;
   EXPECT_EQ(sm_close(handle_), 0u);
 }
 

@@ -33,7 +33,8 @@ TEST_F(AttachTest, SetsTheAddressesOfTheRoot) {
 
 TEST_F(AttachTest, CopiesExactly176BytesOfTheDescriptor) {
   for (size_t i = 0; i < 84; i++) platform().descriptor.r0[i] = static_cast<uint8_t>(i + 1);
-  for (size_t i = 0; i < 84; i++) platform().descriptor.r104[i] = static_cast<uint8_t>(i + 101);
+  platform().descriptor.bounded = 0x68676665;
+  for (size_t i = 0; i < 80; i++) platform().descriptor.r108[i] = static_cast<uint8_t>(i + 105);
   uint8_t copy[180];
   memset(copy, 0xee, sizeof copy);
   EXPECT_EQ(ip_attach_shm(copy), 1u);

@@ -204,6 +204,17 @@ TEST_F(DamagedSegmentTest, ADescriptorThatDoesNotHoldItsRootBoundsNothing) {
   EXPECT_EQ(ip_get_iod_for_local_address("red", primary), 5u);
 }
 
+// A platform that keeps records where it likes, beside a window that holds its root.
+TEST_F(DamagedSegmentTest, AWindowThatIsNotSaidToHoldAllRecordsBoundsNothing) {
+  platform().descriptor.bounded = 0;
+  platform().descriptor.bottom = platform().descriptor.root;
+  platform().descriptor.top = platform().descriptor.root + 4096 + 32;
+  attach();
+  EXPECT_EQ(ip_get_api_context(2), context);
+  EXPECT_EQ(ip_get_secondary_count(5), 2u);
+  EXPECT_EQ(ip_get_iod_for_local_address("red", primary), 5u);
+}
+
 TEST_F(DamagedSegmentTest, ADescriptorOfZerosBoundsNothing) {
   platform().descriptor.bottom = platform().descriptor.top = 0;
   attach();
