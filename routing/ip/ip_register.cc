@@ -102,8 +102,8 @@ uint32_t read_reply(mts_msg_ref_t received) {
   const void *payload = mts_payload_get(received);
   if (payload == nullptr) return 1;
   ip_msg_register_reply reply{};
-  const uint32_t size = mts_payload_size(received);
-  std::memcpy(&reply, payload, std::min<size_t>(size, sizeof reply));
+  const size_t size = readable_bytes(received, sizeof reply);
+  std::memcpy(&reply, payload, size);
   if (size < sizeof reply || reply.major_type != IP_MAJOR_CLIENT || reply.minor_type != IP_MSG_REGISTER_REPLY) {
     char text[message_text_size];
     const int major = reply.major_type;

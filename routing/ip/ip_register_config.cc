@@ -42,7 +42,7 @@ uint32_t wait_for_reply(uint32_t *cfg_result, uint32_t wait) {
 uint32_t read_reply(mts_msg_ref_t received, uint32_t *cfg_result) {
   constexpr size_t needed = offsetof(ip_msg_config_reply, status) + sizeof(ip_msg_config_reply::status);
   const auto *payload = static_cast<const uint8_t *>(mts_payload_get(received));
-  if (payload == nullptr || mts_payload_size(received) < needed) return IP_CONFIG_STATUS_NO_REPLY;
+  if (payload == nullptr || readable_bytes(received, needed) < needed) return IP_CONFIG_STATUS_NO_REPLY;
   ip_msg_config_reply reply{};
   std::memcpy(&reply, payload, needed);
   if (reply.cfg_result != 0 && cfg_result != nullptr) *cfg_result = reply.cfg_result;

@@ -47,6 +47,12 @@ inline ip_msgtype *as_message(Record &record) {
   return reinterpret_cast<ip_msgtype *>(&record);
 }
 
+// How many of the first `most` bytes of a received payload may be read: all where the platform tells no size.
+[[nodiscard]] inline size_t readable_bytes(mts_msg_ref_t received, size_t most) {
+  const uint32_t size = mts_payload_size(received);
+  return size == 0 || size > most ? most : size;
+}
+
 // Each send has options of its own.
 [[nodiscard]] inline mts_send_opts send_options() {
   mts_send_opts options{};

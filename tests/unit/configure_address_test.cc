@@ -154,6 +154,13 @@ TEST_F(ConfigureAddressTest, ATruncatedReplyIsNone) {
   EXPECT_EQ(configure(0), 17u) << "this has the status";
 }
 
+TEST_F(ConfigureAddressTest, WithoutSizesAReplyIsAsLongAsItsRecord) {
+  platform().scripts.fail("mts_payload_size");
+  arrive(configure_opcode, reply(17, 6));
+  EXPECT_EQ(configure(0), 17u);
+  EXPECT_EQ(result, 6u);
+}
+
 TEST_F(ConfigureAddressTest, AReplyThatTheCallerReceivedIsReadAndDropped) {
   arrive(configure_opcode, reply(17, 6));
   mts_msg_ref_t received = nullptr;

@@ -149,6 +149,24 @@ TEST_F(RegistrationFailures, ATruncatedReplyIsNone) {
   EXPECT_EQ(platform().log.count("syslog_msg_rate_limit"), whole.size() - 1);
 }
 
+TEST_F(RegistrationFailures, AReplyMayBeLongerThanItsRecord) {
+  Bytes longer = reply(1);
+  longer.resize(232);
+  arrive(control_opcode, longer);
+  EXPECT_EQ(register_client("ospf"), 1u);
+  EXPECT_EQ(ip_register_done, 1);
+}
+
+TEST_F(RegistrationFailures, WithoutSizesAReplyIsAsLongAsItsRecord) {
+  platform().scripts.fail("mts_payload_size");
+  arrive(control_opcode, reply(1));
+  EXPECT_EQ(register_client("ospf"), 1u);
+  EXPECT_EQ(ip_register_done, 1);
+  EXPECT_EQ(platform().log.count("syslog_msg_rate_limit"), 0u);
+  arrive(control_opcode, reply(0));
+  EXPECT_EQ(register_client("ospf"), 0u);
+}
+
 TEST_F(RegistrationFailures, CleanUpThatFailsDoesNotChangeTheResult) {
   for (const char *function : {"mts_drop", "mts_unbind", "mts_options_set", "mts_recv_q_unblock"}) {
     platform().scripts.fail(function);
