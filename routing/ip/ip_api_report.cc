@@ -171,6 +171,11 @@ void set_error_text(const char *format, ...) {
   }
 }
 
+// The first byte last: it is what clear_error_text() looks at.
+[[gnu::cold]] void wipe_error_text() {
+  for (size_t i = sizeof ip_api_err_log; i-- > 0;) __atomic_store_n(&ip_api_err_log[i], '\0', __ATOMIC_RELAXED);
+}
+
 void debug_line(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);

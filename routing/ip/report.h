@@ -43,13 +43,15 @@ template <class... Arguments>
   report(message, text);
 }
 
-// Empties the error text: on entry of every query that uses it. Several threads query at once: the line is not written
-// to when it is empty already, so that it stays in all their caches.
+// Fills the error text with zeros.
+void wipe_error_text();
+
+// Empties the error text, all of it: on entry of every query that uses it. Several threads query at once: it is not
+// written to when it is empty already, so that it stays in all their caches.
 inline void clear_error_text() {
   // Relaxed: the text is a diagnostic without an owner; no other memory hangs on it.
-  if (__atomic_load_n(&ip_api_err_log[0], __ATOMIC_RELAXED) != '\0') {
-    __atomic_store_n(&ip_api_err_log[0], '\0', __ATOMIC_RELAXED);
-  }
+  if (__atomic_load_n(&ip_api_err_log[0], __ATOMIC_RELAXED) != '\0') [[unlikely]]
+    wipe_error_text();
 }
 
 // Writes the reason of a failed query, at most 255 characters.

@@ -40,6 +40,13 @@ TEST_P(HolderOfAddress, IsTheIodInThatContext) {
   EXPECT_STREQ(ip_api_get_error(), "");
 }
 
+TEST_P(HolderOfAddress, LeavesNothingOfAnEarlierErrorText) {
+  attach();
+  memset(ip_api_err_log, 'y', sizeof ip_api_err_log - 1);
+  EXPECT_EQ(ask("red", local), 5u);
+  for (size_t i = 0; i < sizeof ip_api_err_log; ++i) ASSERT_EQ(ip_api_err_log[i], '\0') << i;
+}
+
 TEST_P(HolderOfAddress, IsTheFirstOfSeveral) {
   attach();
   EXPECT_EQ(ask("red", shared), 7u);
