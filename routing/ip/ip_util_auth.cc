@@ -16,6 +16,8 @@ namespace {
 
 constexpr size_t check_value_size = 16;
 constexpr uint32_t md5_key_size = 16;
+// Room for any digest that a platform knows, should it not cut what is cut here anyway.
+constexpr size_t digest_room = 64;
 
 // RFC 4302, with a check value of 16 bytes; network order.
 struct AuthenticationHeader {
@@ -63,9 +65,9 @@ void ip_build_ah_header(void *hdr, uint8_t next_hdr, uint32_t spi, uint32_t seq,
                         .sequence_number = swapped(seq),
                         .check_value = {},
                     });
-  uint8_t digest[check_value_size];
+  uint8_t digest[digest_room];
   digest_of(hdr, data_len, key, use_md5, digest);
-  std::memcpy(check_value_in(hdr), digest, sizeof digest);
+  std::memcpy(check_value_in(hdr), digest, check_value_size);
 }
 
 uint32_t ip_verify_ah_header(void *hdr, uint32_t data_len, const void *key, uint32_t use_md5) {
@@ -73,7 +75,7 @@ uint32_t ip_verify_ah_header(void *hdr, uint32_t data_len, const void *key, uint
   uint8_t stored[check_value_size];
   std::memcpy(stored, check_value_in(hdr), sizeof stored);
   std::memset(check_value_in(hdr), 0, sizeof stored);
-  uint8_t digest[check_value_size];
+  uint8_t digest[digest_room];
   digest_of(hdr, data_len, key, use_md5, digest);
   return std::memcmp(stored, digest, sizeof stored) == 0 ? 1 : 0;
 }

@@ -67,6 +67,7 @@ void Platform::reset() {
   received.clear();
   next_token = 1;
   vector_allocated = true;
+  whole_digests = false;
   free_watched_blocks();
 
   private_types = {};

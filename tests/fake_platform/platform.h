@@ -183,6 +183,7 @@ class Platform {
   std::deque<Message> replies;  // what mts_recv hands out, in order
   std::map<const void *, Message> received;
   uint32_t next_token = 1;
+  bool whole_digests = false;    // digests are not cut to what is asked for
   bool vector_allocated = true;  // what a conversion of a packet says of its vector
 
   MemoryTypes private_types, shared_types;
