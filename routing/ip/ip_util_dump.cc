@@ -80,9 +80,9 @@ extern "C" {
 uint32_t ip_copy_packet_to_buffer(struct mbuf *packet, void *buffer, int32_t length) {
   using namespace libip;
   if (packet == nullptr || length < 1) return 0;
-  const uint32_t status = m_copydata(packet, 0, length, buffer);
   // The high half is the platform's.
-  if ((status & 0xffffu) == 0) return static_cast<uint32_t>(length);
+  const uint32_t status = m_copydata(packet, 0, length, buffer) & 0xffffu;
+  if (status == 0) return static_cast<uint32_t>(length);
   report_formatted(msg_error_IP_IP_NO_MBUF, "while copying packet. error 0x%08x", status);
   return 0;
 }

@@ -169,13 +169,13 @@ TEST_F(CopyPacketTest, AShortPacketIsReported) {
             (Calls{"m_copydata(packet, 0, 3)", limited("IP_NO_MBUF", "while copying packet. error 0x00000001")}));
 }
 
-TEST_F(CopyPacketTest, TheLowHalfOfTheStatusDecidesAndTheWholeWordIsShown) {
+TEST_F(CopyPacketTest, TheStatusIsTheLowHalfOfTheAnswer) {
   struct mbuf *packet = packet_of({{1, 2}});
   platform().scripts.answer_call("m_copydata", 1, 0x12340000);
   EXPECT_EQ(ip_copy_packet_to_buffer(packet, buffer.data(), 2), 2u);
   platform().scripts.answer_call("m_copydata", 1, 0xabcd0002);
   EXPECT_EQ(ip_copy_packet_to_buffer(packet, buffer.data(), 2), 0u);
-  EXPECT_EQ(calls().back(), limited("IP_NO_MBUF", "while copying packet. error 0xabcd0002"));
+  EXPECT_EQ(calls().back(), limited("IP_NO_MBUF", "while copying packet. error 0x00000002"));
 }
 
 TEST_F(DumpTest, APacketIsDumpedByWayOfItsScratchBuffer) {

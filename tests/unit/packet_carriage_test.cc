@@ -180,6 +180,7 @@ TEST_P(CarriageTest, AFailedConversionIsToldUnderTheCallsName) {
   EXPECT_STREQ(dbg_str, "") << "the platform formats this line";
   EXPECT_EQ(without(calls(), {"sdwrap_chk_int", "buginf_func"}),
             joined({allocation(), header(), conversion(), free_if(row().unconverted)}));
+  EXPECT_TRUE(only(calls(), {"buginf_func", "m_freem"}).front().starts_with("buginf_func")) << "told, and then freed";
   EXPECT_EQ(fake_platform::packet_bytes(m).empty(), row().unconverted == Fate::freed);
   give_back_what_is_lost();
 }
