@@ -42,6 +42,12 @@ TEST_F(AttachTest, CopiesExactly176BytesOfTheDescriptor) {
   for (size_t i = 176; i < sizeof copy; i++) EXPECT_EQ(copy[i], 0xee) << i;
 }
 
+TEST_F(AttachTest, WithoutADestinationTheClientsCopyStays) {
+  memset(ip_client.seg_desc, 0xee, sizeof ip_client.seg_desc);
+  EXPECT_EQ(ip_attach_shm(nullptr), 1u);
+  for (const auto byte : ip_client.seg_desc) ASSERT_EQ(byte, 0xee);
+}
+
 TEST_F(AttachTest, LeavesItsAddressesAsTextForACoreDump) {
   ip_attach_shm(nullptr);
   EXPECT_TRUE(library_data_holds_text(with_address(" ip_shseg: %p \n", ip_shseg)));

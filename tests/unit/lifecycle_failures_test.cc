@@ -85,6 +85,18 @@ INSTANTIATE_TEST_SUITE_P(
 
 using LifecycleFailureTest = LibraryTest;
 
+// The first failed behind the segment, the second before it: each leaves what it came to.
+TEST_F(LifecycleFailureTest, AStartThatFailsEarlierThanTheOneBeforeKeepsItsSegment) {
+  platform().scripts.fail_call("im_ext_pub_lib_init", 1);
+  EXPECT_EQ(ip_shm_api_init(), nullptr);
+  platform().scripts.fail("tsp_create_rwsem_lock");
+  EXPECT_EQ(ip_shm_api_init(), nullptr);
+  EXPECT_EQ(ip_client.rwsem_lock, 0u);
+  EXPECT_EQ(ip_shseg, &platform().descriptor);
+  EXPECT_EQ(ip_api_data, database.root());
+  EXPECT_EQ(ip_api_attached, 0u);
+}
+
 TEST_F(LifecycleFailureTest, AFailedSharedMemoryManagerIsLoggedAndInitGoesOn) {
   platform().scripts.fail("smm_api_init");
   EXPECT_EQ(ip_api_init(), &ip_client);

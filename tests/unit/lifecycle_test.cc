@@ -183,8 +183,9 @@ TEST_P(EitherClose, AfterAQueueOnlyInitClosesNoSegment) {
   ip_api_init_mts_q();
   platform().log.clear();
   GetParam().close();
-  EXPECT_EQ(platform().log.count("sm_close"), 0u);
-  EXPECT_EQ(platform().log.count("im_ext_pub_lib_close"), 1u);
+  Calls expected = {"im_ext_pub_lib_close(267, 0)"};
+  if (GetParam().close == ip_api_close) expected = expected + Calls{"tsp_destroy_lock(0)", "urib_api_close()"};
+  EXPECT_EQ(calls(), expected);
   EXPECT_EQ(ip_api_attached, 0u);
 }
 
@@ -201,6 +202,56 @@ INSTANTIATE_TEST_SUITE_P(Both, EitherClose,
                          testing::Values(CloseFunction{"Close", ip_api_close},
                                          CloseFunction{"CloseNodeps", ip_api_close_nodeps}),
                          [](const auto &of) { return of.param.name; });
+
+TEST_F(LifecycleTest, OfTwoWaysToCloseTheLastDecidesWhatIsUndone) {
+  attach();
+  ip_shm_api_init();
+  ip_api_close_nodeps();
+  EXPECT_EQ(calls(), Calls{});
+  ip_api_close();
+  EXPECT_EQ(calls(),
+            (Calls{"im_ext_pub_lib_close(267, 0)", "tsp_destroy_lock(7)", "sm_close(segment)", "urib_api_close()"}));
+  attach();
+  ip_shm_api_init();
+  ip_api_close();
+  platform().log.clear();
+  ip_api_close_nodeps();
+  EXPECT_EQ(calls(), (Calls{"im_ext_pub_lib_close(267, 0)", "sm_close(segment)"}));
+}
+
+TEST_F(LifecycleTest, AStartWithoutThreadsAfterACloseWithoutDependenciesGoesOnWithTheOldLock) {
+  attach();
+  ip_api_close_nodeps();
+  platform().threads_set_up = false;
+  EXPECT_EQ(ip_shm_api_init(), &ip_client);
+  platform().log.clear();
+  ip_get_api_context(1);
+  EXPECT_EQ(calls().front(), "tsp_lock_acquire_rdlock(7)");
+}
+
+TEST_F(LifecycleTest, TheClientsFlagsAreSetByAStartAndByNothingElse) {
+  attach();
+  ip_client.flags = 8;
+  ip_shm_api_init();
+  EXPECT_EQ(ip_client.flags, 8u) << "another reference";
+  ip_api_close();
+  ip_api_close();
+  EXPECT_EQ(ip_client.flags, 8u) << "a stop";
+  ip_shm_api_init();
+  EXPECT_EQ(ip_client.flags, 3u);
+}
+
+TEST_F(LifecycleTest, AStopLeavesTheClientsQueuesNameAndDescriptor) {
+  attach();
+  ip_client.ctrl_q = 30;
+  ip_client.data_q = 31;
+  strcpy(ip_client.recv_fn, "input");
+  ip_api_close();
+  EXPECT_EQ(ip_client.ctrl_q, 30u);
+  EXPECT_EQ(ip_client.data_q, 31u);
+  EXPECT_STREQ(ip_client.recv_fn, "input");
+  EXPECT_EQ(memcmp(ip_client.seg_desc, &platform().descriptor, sizeof ip_client.seg_desc), 0);
+}
 
 TEST_F(LifecycleTest, CloseDestroysALockHandleOfZeroAsWell) {
   platform().threads_set_up = false;

@@ -17,6 +17,11 @@ TEST_F(PacketReplicateTest, OnlyOneBitOfTheFlagIsCarried) {
   }
 }
 
+TEST_F(PacketReplicateTest, ANullPacketMakesNoCall) {
+  EXPECT_EQ(ip_send_replicate(nullptr, 1, 2, 0), 0u);
+  EXPECT_EQ(calls(), Calls{});
+}
+
 TEST_F(PacketReplicateTest, NothingIsToldOfSends) {
   dbg_ip_api_misc = dbg_ip_cl_output = 1;
   EXPECT_EQ(ip_send_replicate(packet(), 1, 2, 0), 1u);

@@ -74,6 +74,14 @@ TEST_F(PacketOutputL2Test, ANullPacketReachesTheFreeAsItIs) {
   EXPECT_EQ(calls(), Calls(3, "m_freem(null)"));
 }
 
+TEST_F(PacketOutputL2Test, ANullPacketThatIsNotToBeFreedMakesNoCall) {
+  EXPECT_EQ(ip_cl_output_l2(nullptr, 5, 6, 7, 0, 0, l2_address, 0), 0u);
+  EXPECT_EQ(ip_cl_output_l2_mvr(nullptr, 5, 6, 7, 0, 0, l2_address, 0), 0u);
+  EXPECT_EQ(dce(nullptr, 5, 0, l2_address, l2_address2), 0u);
+  EXPECT_EQ(ip_cl_output_l2_pw(nullptr, 5, 6, 7, 0, nullptr), 0u);
+  EXPECT_EQ(calls(), Calls{});
+}
+
 TEST_F(PacketOutputL2Test, NothingIsToldOfSends) {
   dbg_ip_api_misc = dbg_ip_cl_output = 1;
   mbuf *m = packet();
