@@ -189,8 +189,8 @@ int32_t mts_drop(uint32_t queue, mts_msg_ref_t msg);
 //   msg           a received message
 // Threads: any. Blocks: no. Owns: nothing; the payload lasts until mts_drop and may be written to. It came from another
 // process: look at the size before reading a word of it.
-// Results: the payload, null for none; its bytes, 0 for none (and only then: 0 beside a payload says
-// that the platform does not tell sizes, and that every message is as long as its record); the opcode.
+// Results: the payload, null for none; its bytes, 0 for none (0 beside a payload says that the platform tells no sizes,
+// and that every message is as long as its record); the opcode.
 void *mts_payload_get(mts_msg_ref_t msg);
 uint32_t mts_payload_size(mts_msg_ref_t msg);
 uint32_t mts_opc_get(mts_msg_ref_t msg);

@@ -53,13 +53,15 @@ extern "C" {
 // Results: nonzero: ready. 0: the addresses that segments need are taken in this process (the log says by what).
 uint32_t smm_api_init(uint32_t zero);
 
+#define SM_SEGMENT_BOUNDED 0x424e4431u  // in a segment's descriptor
+
 // Opens a segment for reading.
 //   name          "/rsw/shm/ip"
 //   handle        out: the descriptor, 192 bytes or more, null on failure; not null. Words of 32 bits in it, by offset:
 //                   84  the segment's id            88  where its window begins     92  where the segment begins
 //                   96  end of its used area       100  end of the window          188  its root record
-//                  104  0x424e4431 when all records lie inside the window, none of them beginning in its last 4096
-//                       bytes: callers then follow no word that leads elsewhere. Anything else: they follow all
+//                  104  SM_SEGMENT_BOUNDED when all records lie inside the window, none of them beginning in its last
+//                       4096 bytes: callers then follow no word that leads elsewhere. Anything else: they follow all
 //   a0, a1, a17   0, 1, 17: an existing segment, read-only, whole
 // Threads: any. Blocks: no.
 // Owns: the descriptor is the caller's until sm_close and does not change meanwhile. One mapping serves all

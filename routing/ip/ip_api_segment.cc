@@ -83,7 +83,7 @@ uint32_t ip_attach_shm(void *dest) {
   snprintf(root_text, sizeof root_text, " api_data: %p \n", addr_ip_api_data);
   if (dest != nullptr) std::memcpy(dest, descriptor, sizeof ip_client.seg_desc);
 
-  window = descriptor->bounded == segment_is_bounded ? Window::of_segment(descriptor->bottom, descriptor->top, root)
+  window = descriptor->bounded == SM_SEGMENT_BOUNDED ? Window::of_segment(descriptor->bottom, descriptor->top, root)
                                                      : Window::unbounded();
   ip_api_data = address(root);
   ip_api_mpib = address(root + static_cast<uint32_t>(offsetof(ip_root, second_part)));

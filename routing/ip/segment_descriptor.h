@@ -17,7 +17,7 @@ struct SegmentDescriptor {
   uint32_t base;     // of the used area
   uint32_t end;      // of the used area
   uint32_t top;      // of the window
-  uint32_t bounded;  // segment_is_bounded, or anything else of the platform's
+  uint32_t bounded;  // SM_SEGMENT_BOUNDED, or anything else of the platform's
   uint8_t platform108[80];
   uint32_t root;  // address of the root record
 };
@@ -29,9 +29,6 @@ static_assert(offsetof(SegmentDescriptor, end) == 96);
 static_assert(offsetof(SegmentDescriptor, top) == 100);
 static_assert(offsetof(SegmentDescriptor, bounded) == 104);
 static_assert(offsetof(SegmentDescriptor, root) == 188);
-
-// The platform's word that all records of the segment lie inside the window, and none begins in its last page.
-inline constexpr uint32_t segment_is_bounded = 0x424e4431;
 
 }  // namespace libip
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "fake_platform/watched_blocks.h"
+#include "sm.h"
 
 namespace fake_platform {
 
@@ -31,7 +32,7 @@ void Platform::reset() {
   descriptor.base = memory.bottom();
   descriptor.end = memory.bottom() + 0x3000;
   descriptor.top = memory.top();
-  descriptor.bounded = 0x424e4431;  // as the contract of sm_open has it
+  descriptor.bounded = SM_SEGMENT_BOUNDED;
   segment = nullptr;
   {
     const std::scoped_lock hold(locks.mutex);

@@ -12,6 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -32,7 +34,6 @@ using rsw::Epochs;
 using rsw::mend_lengths;
 using rsw::segment_mtrack;
 using rsw::segment_page;
-using rsw::SegmentHeader;
 using rsw::SegmentLayout;
 using rsw::SegmentMap;
 using Names = std::vector<std::string>;
@@ -133,6 +134,34 @@ TEST_F(LengthKeeper, WhatIsUsedHasStorageAgain) {
   struct stat file {};
   ASSERT_EQ(stat(file_of(segment_mtrack).c_str(), &file), 0);
   EXPECT_GE(file.st_blocks * 512, 5 * static_cast<off_t>(segment_page));
+}
+
+// Not before there is room for the header, so that nobody finds a whole file without one.
+TEST(LengthKeeperInAFullFileSystem, TriesAgainUntilThereIsRoom) {
+  if (geteuid() != 0) return;  // needs a small file system of its own
+  const test_support::RunDirectory run;
+  ASSERT_EQ(mount("none", run.path().c_str(), "tmpfs", 0, "mode=755,size=64k"), 0) << strerror(errno);
+  const std::string filler = run.path() + "/filler";
+  {
+    std::string reason;
+    const auto map = SegmentMap::create(segment_mtrack, &reason);
+    ASSERT_NE(map, nullptr) << reason;
+    ASSERT_TRUE(map->publish_name(&reason)) << reason;
+    rsw::keep_length(*map);
+    cut(segment_mtrack, 0);
+    const int fd = open(filler.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const std::string page(segment_page, 'x');
+    while (write(fd, page.data(), page.size()) > 0) {
+    }
+    close(fd);
+    EXPECT_EQ(mend_lengths(), Names{});
+    EXPECT_EQ(length_of(segment_mtrack), 0);
+    unlink(filler.c_str());
+    EXPECT_EQ(mend_lengths(), Names{"/rsw/shm/mtrack"});
+    EXPECT_EQ(length_of(segment_mtrack), static_cast<off_t>(segment_mtrack.size));
+    EXPECT_EQ(map->header()->magic, rsw::segment_magic);
+  }
+  EXPECT_EQ(umount2(run.path().c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(LengthKeeper, ALongerFileIsWhole) {

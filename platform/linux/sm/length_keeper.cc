@@ -48,16 +48,17 @@ static_assert(std::atomic<uint32_t>::is_always_lock_free && std::atomic<bool>::i
 
 enum class Found { whole, cut, lost };
 
-// Puts the length and the header back. For the handler, too.
+// Puts the header back and then the length, so that nobody finds a whole file without its header, and a file system
+// that was full for the one is tried again for both. For the handler, too.
 Found put_back(Kept &kept) {
   struct stat file {};
   const bool is_ours = fstat(kept.descriptor, &file) == 0 && file.st_dev == kept.device && file.st_ino == kept.inode;
   if (!is_ours) return Found::lost;
   if (static_cast<uint64_t>(file.st_size) >= kept.size) return Found::whole;
-  if (ftruncate(kept.descriptor, static_cast<off_t>(kept.size)) != 0) return Found::lost;
-  kept.was_cut.store(true, std::memory_order_relaxed);
   const bool has_header = pwrite(kept.descriptor, &kept.header, sizeof kept.header, 0) == sizeof kept.header;
-  return has_header ? Found::cut : Found::lost;
+  if (!has_header || ftruncate(kept.descriptor, static_cast<off_t>(kept.size)) != 0) return Found::lost;
+  kept.was_cut.store(true, std::memory_order_relaxed);
+  return Found::cut;
 }
 
 bool repair(Kept &kept, uintptr_t address) {
@@ -139,9 +140,9 @@ int length_events() {
 }
 
 std::vector<std::string> mend_lengths() {
+  // What they say does not matter. One read: who goes on cutting would otherwise keep us here.
   char events[4096];
-  while (length_events() >= 0 && read(length_events(), events, sizeof events) > 0) {
-  }
+  if (length_events() >= 0) (void)!read(length_events(), events, sizeof events);
   std::vector<std::string> cut;
   const std::lock_guard guard(changing);
   for (Kept &kept : table) {

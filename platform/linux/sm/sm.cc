@@ -40,7 +40,7 @@ struct SegmentDescriptor {
   uint32_t base;      // where the segment is mapped: the same
   uint32_t used_end;  // end of the used area when it was opened
   uint32_t top;       // where the window ends
-  uint32_t bounded;   // is_bounded
+  uint32_t bounded;   // SM_SEGMENT_BOUNDED: nothing lies outside, and the last page is never used
   uint32_t reserved[20];
   uint32_t root;  // address of the root record
 };
@@ -53,9 +53,6 @@ static_assert(offsetof(SegmentDescriptor, used_end) == 96);
 static_assert(offsetof(SegmentDescriptor, top) == 100);
 static_assert(offsetof(SegmentDescriptor, bounded) == 104);
 static_assert(offsetof(SegmentDescriptor, root) == 188);
-
-// "BND1": no record lies outside of [bottom, top), and none begins in the last page.
-constexpr uint32_t is_bounded = 0x424e4431;
 
 struct OpenSegment {
   std::unique_ptr<SegmentDescriptor> descriptor;
@@ -105,7 +102,7 @@ uint32_t open_segment(const char *name, void **handle) {
   descriptor->base = layout->base;
   descriptor->used_end = load_acquire(header->used_end);  // partner: the release store in grow()
   descriptor->top = layout->base + layout->size;
-  descriptor->bounded = is_bounded;
+  descriptor->bounded = SM_SEGMENT_BOUNDED;
   descriptor->root = root;
   void *const made = descriptor.get();
   const std::lock_guard guard(open_segments().mutex);
